@@ -1,0 +1,7 @@
+if(KELTOP_SANITIZE)
+  add_compile_options(-fsanitize=${KELTOP_SANITIZE} -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${KELTOP_SANITIZE})
+  if(KELTOP_SANITIZE MATCHES undefined)
+    add_compile_options(-fno-sanitize-recover=undefined)
+  endif()
+endif()

@@ -1,0 +1,71 @@
+#include "app/EntryPoint.h"
+
+#include <Poco/Net/Net.h>
+
+#include <cstdint>
+
+#include "app/HelpTexts.h"
+#include "app/ListenMode.h"
+#include "app/ParseSwitches.h"
+#include "app/ShutdownSignal.h"
+#include "platform/ConsoleControl.h"
+#include "platform/ErrorMode.h"
+#include "platform/KeyPress.h"
+#include "platform/Process.h"
+#include "platform/StandardOutput.h"
+#include "product/ConsoleStream.h"
+#include "product/SwitchMap.h"
+
+namespace keltop {
+
+namespace {
+
+void greet() {
+  ConsoleStream console;
+  printBanner(console);
+  printShortOptions(console);
+}
+
+int help(bool waitForKey) {
+  ConsoleStream console;
+  printExpandedHelp(console);
+  if (waitForKey) {
+    console << "\r\npress any key" << std::flush;
+    platform::waitForKey();
+  }
+  return 0;
+}
+
+int notYet(std::string_view what) {
+  platform::writeStandardError(std::string(what).append(" is not part of this build yet.\n"));
+  return 1;
+}
+
+int dispatch(const SwitchMap& switches) {
+  if (switches.empty() || findSwitch(switches, "H") != nullptr || findSwitch(switches, "?") != nullptr) {
+    return help(switches.empty());
+  }
+  platform::addConsoleControlHandler(handleConsoleControl);
+  createShutdownEvent();
+  if (findSwitch(switches, "RSI") != nullptr) {
+    return notYet("The room status post");
+  }
+  if (findSwitch(switches, "ISI") != nullptr) {
+    return notYet("The inventory post");
+  }
+  return listen(switches);
+}
+
+}  // namespace
+
+int run(int count, const char* const* arguments) {
+  platform::secureStandardStreams();
+  Poco::Net::initializeNetwork();
+  greet();
+  platform::setErrorMode(platform::kErrorModeNoBoxes);
+  SwitchMap switches;
+  parseSwitches(count, arguments, &switches);
+  return dispatch(switches);
+}
+
+}  // namespace keltop

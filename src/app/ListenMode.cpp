@@ -1,0 +1,108 @@
+#include "app/ListenMode.h"
+
+#include <Poco/Exception.h>
+#include <Poco/Net/HTTPServer.h>
+#include <Poco/Net/HTTPServerParams.h>
+#include <Poco/Net/ServerSocket.h>
+#include <Poco/Net/SocketAddress.h>
+#include <Poco/Net/TCPServer.h>
+#include <Poco/ThreadPool.h>
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "platform/KernelObjects.h"
+#include "platform/ListenPort.h"
+#include "platform/Process.h"
+#include "product/ConsoleStream.h"
+#include "product/ParseNumber.h"
+#include "product/ShutdownEvent.h"
+#include "semaphore/EventSemaphore.h"
+#include "servers/RawPacketConnectionFactory.h"
+#include "servers/RestRequestHandlerFactory.h"
+
+namespace keltop {
+
+namespace {
+
+constexpr int kBacklog = 64;
+
+/// How long a stopped server's workers may take to finish what they are at.
+constexpr auto kWorkersGrace = std::chrono::milliseconds(200);
+constexpr auto kWorkersLook = std::chrono::milliseconds(2);
+
+/// Not ServerSocket(port): that also lets a second program listen on the port, unnoticed by both.
+Poco::Net::ServerSocket listenOn(std::uint16_t port) {
+  Poco::Net::ServerSocket socket;
+  socket.bind(Poco::Net::SocketAddress(port), platform::reuseListenAddress(), false);
+  socket.listen(kBacklog);
+  return socket;
+}
+
+std::unique_ptr<Poco::Net::TCPServer> makeServer(bool raw, const Poco::Net::ServerSocket& socket) {
+  if (raw) {
+    return std::make_unique<Poco::Net::TCPServer>(Poco::makeShared<RawPacketConnectionFactory>(), socket);
+  }
+  return std::make_unique<Poco::Net::HTTPServer>(Poco::makeShared<RestRequestHandlerFactory>(), socket,
+                                                 Poco::makeAuto<Poco::Net::HTTPServerParams>());
+}
+
+bool workersFinish() {
+  const auto deadline = std::chrono::steady_clock::now() + kWorkersGrace;
+  while (Poco::ThreadPool::defaultPool().used() > 0) {
+    if (std::chrono::steady_clock::now() >= deadline) {
+      return false;
+    }
+    std::this_thread::sleep_for(kWorkersLook);
+  }
+  return true;
+}
+
+void serve(bool raw, std::int32_t port, platform::ObjectHandle shutdown) {
+  // The socket takes the low 16 bits of whatever number was given, on purpose.
+  const Poco::Net::ServerSocket socket = listenOn(static_cast<std::uint16_t>(port));
+  const std::unique_ptr<Poco::Net::TCPServer> server = makeServer(raw, socket);
+  server->start();
+  (void)platform::waitForObject(shutdown, platform::kInfinite);
+  server->stop();
+}
+
+}  // namespace
+
+int listen(const SwitchMap& switches) {
+  ConsoleStream console;
+  const std::string* portText = findSwitch(switches, "P");
+  if (portText == nullptr) {
+    console << "No port number specified." << std::endl;
+    return 1;
+  }
+  const std::int32_t port = parseNumber(*portText);
+  if (port < 1) {
+    console << "Invalid port number specified." << std::endl;
+    return 1;
+  }
+  SEMAPHORE::EventSemaphore shutdown;
+  if (!shutdown.open(kShutdownEventName)) {
+    console << "Server not running, shutting down." << std::endl;
+    return 0;
+  }
+  console << "Press Ctrl-C to stop.\n"
+          << "Listening on: " << port << "\r\n"
+          << std::endl;
+  try {
+    serve(findSwitch(switches, "RAW") != nullptr, port, shutdown.handle());
+  } catch (const Poco::Exception& error) {
+    console << "Error: " << error.displayText() << std::endl;
+    return 1;
+  }
+  if (!workersFinish()) {
+    // The library's thread pool would wait up to 10 s for each connection that somebody keeps open.
+    platform::endProcess(0);
+  }
+  return 0;
+}
+
+}  // namespace keltop

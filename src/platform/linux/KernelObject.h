@@ -1,0 +1,76 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+#include "platform/linux/StateFile.h"
+
+namespace keltop::platform {
+
+/// When a wait ends; nothing means never.
+using WaitDeadline = std::optional<std::chrono::steady_clock::time_point>;
+
+/// One event, mutex or semaphore: the rules that are the same whether it belongs to this process alone or to the
+/// machine. What differs, where the state lies and how a change is noticed, is the derived classes'.
+class KernelObject : public std::enable_shared_from_this<KernelObject> {
+ public:
+  explicit KernelObject(ObjectType type) noexcept : type_(type) {}
+  virtual ~KernelObject() = default;
+  KernelObject(const KernelObject&) = delete;
+  KernelObject& operator=(const KernelObject&) = delete;
+
+  [[nodiscard]] ObjectType type() const noexcept { return type_; }
+
+  /// One of the wait codes.
+  [[nodiscard]] std::uint32_t wait(std::uint32_t milliseconds);
+
+  /// These give 0 or an error number.
+  [[nodiscard]] std::uint32_t setEvent();
+  [[nodiscard]] std::uint32_t releaseMutex();
+  [[nodiscard]] std::uint32_t releaseSemaphore();
+
+  /// The calling thread ends: if it owns the mutex, the next waiter learns that it was abandoned.
+  void abandon() noexcept;
+
+  /// A handle to the object was closed.
+  virtual void handleClosed() noexcept {}
+
+ protected:
+  /// Waits for a change of the object during one wait call; made before the last look that finds it unsignalled.
+  class Watch {
+   public:
+    virtual ~Watch() = default;
+    /// Returns when something may have changed or the deadline has passed. `guard` is released meanwhile.
+    virtual void wait(std::unique_lock<std::mutex>& guard, WaitDeadline deadline) = 0;
+  };
+
+  /// All of these are called with the guard held.
+  [[nodiscard]] virtual std::optional<ObjectState> readState() = 0;
+  /// Writes the value and wakes the waiters.
+  [[nodiscard]] virtual bool writeValue(std::uint32_t value) = 0;
+  /// Begins a change that depends on the state's present value; false when that cannot be had.
+  [[nodiscard]] virtual bool beginChange() = 0;
+  virtual void endChange() noexcept = 0;
+  /// A mutex without an owner in this process: asks for it against other processes, and gives it up.
+  [[nodiscard]] virtual bool claim() = 0;
+  virtual void disclaim() noexcept = 0;
+  [[nodiscard]] virtual std::unique_ptr<Watch> watch() = 0;
+
+  /// Nobody owns the mutex any more; its state stays as it is.
+  void forgetOwner() noexcept;
+
+  std::mutex guard_;
+
+ private:
+  [[nodiscard]] std::uint32_t tryTake();
+  [[nodiscard]] std::uint32_t tryOwn();
+
+  const ObjectType type_;
+  std::uint64_t owner_ = 0;  ///< the owning thread's number, 0 for none
+  std::uint32_t holds_ = 0;  ///< how often the owner holds the mutex
+};
+
+}  // namespace keltop::platform

@@ -1,0 +1,159 @@
+#include "platform/KernelObjects.h"
+
+#include <cstddef>
+#include <exception>
+#include <limits>
+#include <memory>
+#include <mutex>
+#include <unordered_map>
+#include <utility>
+
+#include "platform/NoDestructor.h"
+#include "platform/linux/LocalObject.h"
+#include "platform/linux/ObjectFolder.h"
+
+namespace keltop::platform {
+
+namespace {
+
+thread_local std::uint32_t threadError = kNoError;
+
+/// The open handles of this process. A number is never used twice, so a closed handle stays closed.
+class HandleTable {
+ public:
+  ObjectHandle add(std::shared_ptr<KernelObject> object) {
+    const std::lock_guard<std::mutex> guard(guard_);
+    objects_.emplace(++last_, std::move(object));
+    return static_cast<ObjectHandle>(last_);
+  }
+
+  std::shared_ptr<KernelObject> find(ObjectHandle handle) {
+    const std::lock_guard<std::mutex> guard(guard_);
+    const auto entry = objects_.find(static_cast<std::uintptr_t>(handle));
+    return entry == objects_.end() ? nullptr : entry->second;
+  }
+
+  std::shared_ptr<KernelObject> remove(ObjectHandle handle) {
+    const std::lock_guard<std::mutex> guard(guard_);
+    const auto node = objects_.extract(static_cast<std::uintptr_t>(handle));
+    return node.empty() ? nullptr : node.mapped();
+  }
+
+ private:
+  std::mutex guard_;
+  std::uintptr_t last_ = 0;
+  std::unordered_map<std::uintptr_t, std::shared_ptr<KernelObject>> objects_;
+};
+
+HandleTable& handleTable() {
+  static NoDestructor<HandleTable> instance;
+  return instance.get();
+}
+
+/// Runs an operation of this interface, which must not throw: what it could not allocate is an error result.
+template <typename Result, typename Operation>
+Result guarded(Result failure, Operation operation) noexcept {
+  try {
+    return operation();
+  } catch (const std::exception&) {
+    threadError = kErrorNotEnoughMemory;
+    return failure;
+  }
+}
+
+ObjectHandle addNamed(NamedResult found) {
+  threadError = found.error;
+  return found.object ? handleTable().add(std::move(found.object)) : ObjectHandle::none;
+}
+
+ObjectHandle create(const ObjectState& state, const std::string& name) noexcept {
+  return guarded(ObjectHandle::none, [&] {
+    if (name.empty()) {
+      threadError = kNoError;
+      return handleTable().add(std::make_shared<LocalObject>(state));
+    }
+    return addNamed(createNamedObject(name, state));
+  });
+}
+
+/// Applies an operation to a handle's object, when it is one of that type.
+bool apply(ObjectHandle handle, ObjectType type, std::uint32_t (KernelObject::*operation)()) noexcept {
+  return guarded(false, [&] {
+    const std::shared_ptr<KernelObject> object = handleTable().find(handle);
+    const std::uint32_t error = object && object->type() == type ? ((*object).*operation)() : kErrorInvalidHandle;
+    if (error != kNoError) {
+      threadError = error;
+    }
+    return error == kNoError;
+  });
+}
+
+}  // namespace
+
+ObjectHandle createEvent(const OpenAccess* /*access*/, const std::string& name) noexcept {
+  return create({ObjectType::event, 0, 1}, name);
+}
+
+ObjectHandle createMutex(const OpenAccess* /*access*/, const std::string& name) noexcept {
+  return create({ObjectType::mutex, 0, 1}, name);
+}
+
+ObjectHandle createSemaphore(const OpenAccess* /*access*/, std::int32_t initialCount, std::int32_t maximumCount,
+                             const std::string& name) noexcept {
+  if (maximumCount < 1 || initialCount < 0 || initialCount > maximumCount) {
+    threadError = kErrorInvalidParameter;
+    return ObjectHandle::none;
+  }
+  return create(
+      {ObjectType::semaphore, static_cast<std::uint32_t>(initialCount), static_cast<std::uint32_t>(maximumCount)},
+      name);
+}
+
+ObjectHandle openEvent(const std::string& name) noexcept {
+  return guarded(ObjectHandle::none, [&] { return addNamed(openNamedObject(name, ObjectType::event)); });
+}
+
+bool setEvent(ObjectHandle event) noexcept {
+  return apply(event, ObjectType::event, &KernelObject::setEvent);
+}
+
+bool releaseMutex(ObjectHandle mutex) noexcept {
+  return apply(mutex, ObjectType::mutex, &KernelObject::releaseMutex);
+}
+
+bool releaseSemaphore(ObjectHandle semaphore) noexcept {
+  return apply(semaphore, ObjectType::semaphore, &KernelObject::releaseSemaphore);
+}
+
+std::uint32_t waitForObject(ObjectHandle object, std::uint32_t milliseconds) noexcept {
+  return guarded(kWaitFailed, [&] {
+    const std::shared_ptr<KernelObject> found = handleTable().find(object);
+    if (!found) {
+      threadError = kErrorInvalidHandle;
+      return kWaitFailed;
+    }
+    const std::uint32_t result = found->wait(milliseconds);
+    if (result == kWaitFailed) {
+      threadError = kErrorInvalidData;
+    }
+    return result;
+  });
+}
+
+bool closeObject(ObjectHandle object) noexcept {
+  return guarded(false, [&] {
+    const std::shared_ptr<KernelObject> closed = handleTable().remove(object);
+    if (!closed) {
+      threadError = kErrorInvalidHandle;
+      return false;
+    }
+    closed->handleClosed();
+    return true;
+  });
+}
+
+std::uint32_t lastError() noexcept {
+  return threadError;
+}
+
+}  // namespace keltop::platform

@@ -1,0 +1,156 @@
+"""Runs the built program against real peers.
+
+--keltop names the command that starts it, so that the same tests run any build of it.
+"""
+
+import os
+import shlex
+import signal
+import socket
+import subprocess
+import tempfile
+import threading
+import time
+
+import pytest
+
+LONG = 20.0  # seconds that a thing may take on a busy machine before it counts as not happening
+
+
+def pytest_addoption(parser):
+    parser.addoption("--keltop", default="build/release/keltop", help="the command that starts the program")
+
+
+def free_port():
+    """A TCP port that nobody listens on, on any local address."""
+    with socket.socket() as probe:
+        probe.bind(("0.0.0.0", 0))
+        return probe.getsockname()[1]
+
+
+def eventually(condition, timeout=LONG, what="condition"):
+    """Waits until condition() is true and gives its value."""
+    deadline = time.monotonic() + timeout
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() > deadline:
+            raise AssertionError(f"{what} did not come true within {timeout} s")
+        time.sleep(0.002)
+
+
+class Running:
+    """A started program whose standard output is collected as it comes."""
+
+    def __init__(self, command, env, text_mode, **options):
+        self._text_mode = text_mode
+        self._output = bytearray()
+        self._changed = threading.Condition()
+        self.process = subprocess.Popen(command, env=env, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                        stderr=subprocess.PIPE, **options)
+        self._reader = threading.Thread(target=self._read, daemon=True)
+        self._reader.start()
+
+    def _read(self):
+        while chunk := os.read(self.process.stdout.fileno(), 1 << 16):
+            with self._changed:
+                self._output += chunk
+                self._changed.notify_all()
+
+    @property
+    def output(self):
+        with self._changed:
+            return self._text_mode(bytes(self._output))
+
+    def wait_for(self, text, timeout=LONG, start=0):
+        """Waits until the output holds text from position start on; gives the output."""
+        deadline = time.monotonic() + timeout
+        with self._changed:
+            while text not in self._text_mode(bytes(self._output))[start:]:
+                if not self._changed.wait(deadline - time.monotonic()):
+                    raise AssertionError(f"no {text!r} within {timeout} s in {bytes(self._output)[-2000:]!r}")
+            return self._text_mode(bytes(self._output))
+
+    def send_signal(self, number):
+        self.process.send_signal(number)
+
+    def wait(self, timeout=LONG):
+        """Waits for the end; gives the exit code. All output has been collected then."""
+        code = self.process.wait(timeout)
+        self._reader.join(timeout)
+        return code
+
+    def interrupt(self, timeout=LONG):
+        """Ctrl-C; gives the exit code."""
+        self.send_signal(signal.SIGINT)
+        return self.wait(timeout)
+
+
+class Keltop:
+    """Starts the program with a folder for the machine-wide objects and one for traces of its own."""
+
+    def __init__(self, command, folder):
+        self.command = shlex.split(command)
+        self.windows = self.command[-1].endswith(".exe")
+        self.folder = folder
+        self.objects = os.path.join(folder, "objects")
+        self.data = os.path.join(folder, "data")
+        os.makedirs(self.objects)
+        os.makedirs(os.path.join(self.data, "TRACELOGS"))
+        self.env = {**os.environ, "KELTOP_OBJECT_DIR": self.objects, "KELTOP_DATA_LOCATION": self.data}
+        self._started = []
+
+    def text_mode(self, output):
+        """Undoes the line ends of the Windows run-time library's text mode."""
+        return output.replace(b"\r\n", b"\n") if self.windows else output
+
+    def run(self, *switches, timeout=60, **options):
+        """Runs the program to its end; standard input is empty unless given."""
+        if "input" not in options:
+            options.setdefault("stdin", subprocess.DEVNULL)
+        env = options.pop("env", self.env)
+        done = subprocess.run([*self.command, *switches], env=env, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                              timeout=timeout, **options)
+        done.stdout = self.text_mode(done.stdout)
+        return done
+
+    def start(self, *switches, **options):
+        env = options.pop("env", self.env)
+        running = Running([*self.command, *switches], env, self.text_mode, **options)
+        self._started.append(running)
+        return running
+
+    def listen(self, *switches, **options):
+        """Starts a listener on a free port and waits until it accepts; gives it and the port."""
+        port = free_port()
+        running = self.start("-p", str(port), *switches, **options)
+        running.wait_for(b"Listening on: ")
+        eventually(lambda: is_listening(port) or running.process.poll() is not None, what="listening")
+        return running, port
+
+    def close(self):
+        for running in self._started:
+            if running.process.poll() is None:
+                running.process.kill()
+            running.process.wait()
+            running.process.stdout.close()
+            running.process.stderr.close()
+
+
+def is_listening(port):
+    """Whether some process listens on the port, looked up without connecting to it."""
+    wanted = f":{port:04X}"
+    with open("/proc/net/tcp", encoding="ascii") as table:
+        return any(line.split()[1].endswith(wanted) and line.split()[3] == "0A" for line in list(table)[1:])
+
+
+@pytest.fixture
+def keltop(request):
+    with tempfile.TemporaryDirectory(prefix="keltop-test-") as folder:
+        os.chmod(folder, 0o755)
+        program = Keltop(request.config.getoption("--keltop"), folder)
+        try:
+            yield program
+        finally:
+            program.close()
