@@ -7,7 +7,7 @@ namespace keltop {
 namespace {
 
 /// From this size on a text is written straight through: collecting it would only copy it.
-constexpr std::size_t kWriteThroughSize = 64U * 1024U;
+constexpr std::size_t kWriteThroughSize = 65536;
 
 }  // namespace
 

@@ -21,7 +21,7 @@ class ReadAhead {
   [[nodiscard]] bool drained() const noexcept { return next_ == end_; }
 
  private:
-  static constexpr std::size_t kSize = 64U * 1024U;
+  static constexpr std::size_t kSize = 65536;
 
   Poco::Net::StreamSocket& socket_;
   std::vector<char> received_;

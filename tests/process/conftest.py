@@ -19,6 +19,8 @@ LONG = 20.0  # seconds that a thing may take on a busy machine before it counts 
 
 def pytest_addoption(parser):
     parser.addoption("--keltop", default="build/release/keltop", help="the command that starts the program")
+    parser.addoption("--agent", default="build/release/keltop_object_agent",
+                     help="the command that starts a process that uses machine-wide objects")
 
 
 def free_port():
@@ -154,3 +156,72 @@ def keltop(request):
             yield program
         finally:
             program.close()
+
+
+class Agent:
+    """A process that holds and uses machine-wide objects, one command a line."""
+
+    def __init__(self, command, folder, **options):
+        self.process = subprocess.Popen(command, env={**os.environ, "KELTOP_OBJECT_DIR": folder},
+                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE, **options)
+
+    def tell(self, *words):
+        """Sends a command without waiting for its answer."""
+        self.process.stdin.write((" ".join(map(str, words)) + "\n").encode())
+        self.process.stdin.flush()
+
+    def answer(self):
+        """The next answer, as text."""
+        return self.process.stdout.readline().decode().strip()
+
+    def ask(self, *words):
+        self.tell(*words)
+        return self.answer()
+
+    def obtain(self, *words):
+        """A command that gives a handle; gives handle and error number."""
+        handle, error = self.ask(*words).split()
+        return handle, int(error)
+
+    def wait(self, handle, milliseconds):
+        return int(self.ask("wait", handle, milliseconds))
+
+    def kill(self):
+        self.process.kill()
+        self.process.wait()
+
+    def close(self):
+        if self.process.poll() is None:
+            self.process.kill()
+        self.process.wait()
+        self.process.stdin.close()
+        self.process.stdout.close()
+
+
+class Agents:
+    """Starts agents that share a folder of their own for the machine-wide objects."""
+
+    def __init__(self, command, folder):
+        self.command = shlex.split(command)
+        self.folder = folder
+        self._started = []
+
+    def start(self, **options):
+        agent = Agent(self.command, self.folder, **options)
+        self._started.append(agent)
+        return agent
+
+    def close(self):
+        for agent in self._started:
+            agent.close()
+
+
+@pytest.fixture
+def agents(request):
+    with tempfile.TemporaryDirectory(prefix="keltop-objects-") as folder:
+        os.chmod(folder, 0o1777)
+        made = Agents(request.config.getoption("--agent"), folder)
+        try:
+            yield made
+        finally:
+            made.close()

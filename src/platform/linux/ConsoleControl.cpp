@@ -1,11 +1,11 @@
 #include "platform/ConsoleControl.h"
 
-#include <signal.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdint>
 #include <system_error>
 #include <thread>

@@ -100,11 +100,10 @@ std::uint32_t KernelObject::releaseSemaphore() {
     return kErrorBusy;
   }
   std::uint32_t error = kNoError;
-  if (const std::optional<ObjectState> state = readState(); !state) {
-    error = kErrorInvalidData;
-  } else if (state->value >= state->limit) {
+  const std::optional<ObjectState> state = readState();
+  if (state && state->value >= state->limit) {
     error = kErrorTooManyPosts;
-  } else if (!writeValue(state->value + 1)) {
+  } else if (!state || !writeValue(state->value + 1)) {
     error = kErrorInvalidData;
   }
   endChange();

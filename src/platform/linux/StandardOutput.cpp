@@ -1,10 +1,10 @@
 #include "platform/StandardOutput.h"
 
 #include <poll.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 
 namespace keltop::platform {
 
@@ -15,10 +15,10 @@ void endByBrokenPipe() noexcept {
   struct sigaction action = {};
   if (::sigaction(SIGPIPE, nullptr, &action) == 0 && action.sa_handler == SIG_DFL) {
     sigset_t pipe;
-    ::sigemptyset(&pipe);
-    ::sigaddset(&pipe, SIGPIPE);
-    ::pthread_sigmask(SIG_UNBLOCK, &pipe, nullptr);
-    ::raise(SIGPIPE);
+    (void)::sigemptyset(&pipe);
+    (void)::sigaddset(&pipe, SIGPIPE);
+    (void)::pthread_sigmask(SIG_UNBLOCK, &pipe, nullptr);
+    (void)::raise(SIGPIPE);
   }
 }
 

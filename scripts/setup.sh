@@ -1,0 +1,133 @@
+# Sourced by the other scripts: installs the Debian packages that a task needs and this machine lacks.
+# Nothing is printed and nothing is run with privilege when all are there.
+
+KELTOP_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+
+# What building the program needs, with the reason that is shown when it has to be installed.
+KELTOP_BUILD_PACKAGES=(
+  "g++:the compiler"
+  "cmake:the build system"
+  "ninja-build:runs the build"
+  "pkg-config:finds libraries"
+  "libpoco-dev:network library"
+  "libssl-dev:TLS for the network library"
+  "libzmq3-dev:message library"
+  "libgtest-dev:unit tests"
+  "libgmock-dev:unit tests"
+)
+
+# What the tests need besides.
+KELTOP_TEST_PACKAGES=(
+  "python3:runs the tests of the whole program"
+  "python3-pytest:runs the tests of the whole program"
+  "python3-pytest-xdist:runs them side by side"
+  "curl:peer in tests"
+  "netcat-openbsd:peer in tests"
+  "nginx-light:peer in tests"
+  "openssl:peer in tests"
+  "libxml2-utils:independent reader of the XML that the program writes"
+  "procps:looks at processes in tests"
+  "util-linux:runs tests as another account and in namespaces of their own"
+)
+
+# What the checks of the source need besides.
+KELTOP_CHECK_PACKAGES=(
+  "clang:the second compiler"
+  "clang-format:format check"
+  "clang-tidy:lint check"
+  "g++-mingw-w64-x86-64-posix:compiles the Windows sources"
+)
+
+# What the benchmarks need besides.
+KELTOP_BENCH_PACKAGES=(
+  "libbenchmark-dev:micro-benchmarks"
+  "nodejs:peer to compare with"
+  "socat:peer to compare with"
+  "netcat-openbsd:peer to compare with"
+  "curl:peer to compare with"
+  "wrk:HTTP load"
+  "python3:runs the comparison"
+  "nginx-light:server to post to"
+  "openssl:certificate of that server"
+  "libtinyxml2-dev:XML writer to compare with"
+  "libspdlog-dev:logger to compare with"
+)
+
+# as_root COMMAND...: runs a command with privilege, through sudo where this account is not root.
+as_root() {
+  if [ "$(id -u)" -eq 0 ]; then
+    "$@"
+  elif command -v sudo >/dev/null; then
+    sudo "$@"
+  else
+    echo "keltop: cannot install packages: not root, and there is no sudo" >&2
+    return 1
+  fi
+}
+
+# is_installed PACKAGE: whether it is installed, or what it provides is there by other means.
+is_installed() {
+  local package=$1
+  case $package in
+    nodejs) command -v node >/dev/null && return 0 ;;
+  esac
+  [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" = installed ]
+}
+
+# need LIST...: installs what is missing of the "package:reason" entries.
+need() {
+  local entry missing=() reasons=()
+  local status
+  status=$(dpkg-query -W -f='${Package} ${db:Status-Status}\n' 2>/dev/null)
+  for entry in "$@"; do
+    if ! grep -qx "${entry%%:*} installed" <<<"$status" && ! is_installed "${entry%%:*}"; then
+      case " ${missing[*]} " in
+        *" ${entry%%:*} "*) ;;
+        *)
+          missing+=("${entry%%:*}")
+          reasons+=("  ${entry%%:*}: ${entry#*:}")
+          ;;
+      esac
+    fi
+  done
+  [ ${#missing[@]} -eq 0 ] && return 0
+  {
+    echo "keltop: installing ${#missing[@]} Debian packages that this machine lacks:"
+    printf '%s\n' "${reasons[@]}"
+  } >&2
+  install_packages "${missing[@]}"
+}
+
+# install_packages PACKAGE...: installs them without starting any service that they bring.
+install_packages() {
+  local policy=/usr/sbin/policy-rc.d made_policy=false result=0
+  if [ ! -e "$policy" ]; then
+    printf '#!/bin/sh\nexit 101\n' | as_root tee "$policy" >/dev/null && as_root chmod 755 "$policy" && made_policy=true
+  fi
+  {
+    as_root env DEBIAN_FRONTEND=noninteractive apt-get update -q &&
+      as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends "$@"
+  } >&2 </dev/null || result=$?
+  if $made_policy; then
+    as_root rm -f "$policy"
+  fi
+  return "$result"
+}
+
+# build PRESET [TARGET...]: configures where needed and builds; silent when all goes well, on standard error when not.
+build() {
+  local preset=$1 folder="$KELTOP_ROOT/build/$1" log result=0
+  shift
+  log=$(mktemp)
+  {
+    { [ -f "$folder/build.ninja" ] || (cd "$KELTOP_ROOT" && cmake --preset "$preset"); } &&
+      if [ $# -gt 0 ]; then
+        cmake --build "$folder" --target "$@"
+      else
+        cmake --build "$folder"
+      fi
+  } >"$log" 2>&1 || result=$?
+  [ "$result" -eq 0 ] || cat "$log" >&2
+  rm -f "$log"
+  return "$result"
+}

@@ -1,0 +1,13 @@
+#!/usr/bin/env bash
+# Installs what the machine lacks, builds keltop and runs every test. Further arguments go to ctest.
+#
+# KELTOP_PRESET names another build to test: dev, asan or tsan.
+set -euo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/setup.sh"
+
+preset=${KELTOP_PRESET:-release}
+need "${KELTOP_BUILD_PACKAGES[@]}" "${KELTOP_TEST_PACKAGES[@]}"
+echo "keltop: building ($preset)" >&2
+build "$preset"
+cd "$KELTOP_ROOT"
+exec ctest --test-dir "build/$preset" --output-on-failure -j 4 "$@"

@@ -1,0 +1,516 @@
+"""Machine-wide objects, used by real processes."""
+
+import glob
+import os
+import random
+import shutil
+import struct
+import threading
+import time
+
+import pytest
+
+from conftest import eventually
+
+OBJECT, ABANDONED, TIMEOUT, FAILED = 0, 128, 258, 0xFFFFFFFF
+NONE, NOT_FOUND, DENIED, BAD_HANDLE, BAD_DATA, EXISTS = 0, 2, 5, 6, 13, 183
+NOT_OWNER, TOO_MANY_POSTS = 288, 298
+FOR_EVER = 0xFFFFFFFF
+NOBODY = 65534
+
+linux_files = pytest.mark.skipif("config.getoption('--agent').endswith('.exe')",
+                                 reason="the kernel's own objects are no files there")
+as_root = pytest.mark.skipif(os.geteuid() != 0, reason="only root can start a process as another account")
+
+
+def the_file(agents):
+    (path,) = glob.glob(os.path.join(agents.folder, "keltop.*"))
+    return path
+
+
+def leave_behind(agents, *words):
+    """A process that creates an object, sets an event, and is killed."""
+    dead = agents.start()
+    handle, error = dead.obtain(*words)
+    assert error == NONE
+    if words[0] == "create-event":
+        assert dead.ask("set", handle) == "0"
+    elif words[0] == "create-mutex":
+        assert dead.wait(handle, 0) == OBJECT
+    dead.kill()
+
+
+def cpu_nanoseconds(agent):
+    """Processor time of all the threads of a process."""
+    total = 0
+    for path in glob.glob(f"/proc/{agent.process.pid}/task/*/schedstat"):
+        with open(path, encoding="ascii") as file:
+            total += int(file.read().split()[0])
+    return total
+
+
+def blocked(agent):
+    """Whether the process sleeps, so that a command it was told is being waited in."""
+    with open(f"/proc/{agent.process.pid}/stat", encoding="ascii") as file:
+        return file.read().rsplit(")", 1)[1].split()[0] == "S"
+
+
+# Lifetime
+
+
+def test_an_event_is_one_object_for_all_processes_and_keeps_its_state(agents):
+    one, two = agents.start(), agents.start()
+    first, error = one.obtain("create-event", "E")
+    assert error == NONE
+    assert one.ask("set", first) == "0"
+    second, error = two.obtain("create-event", "E")
+    assert error == EXISTS
+    third, error = two.obtain("open-event", "E")
+    assert third != "0"
+    assert [two.wait(h, 0) for h in (second, third, second)] == [OBJECT] * 3
+
+
+def test_an_object_lives_until_its_last_handle_is_closed(agents):
+    one, two = agents.start(), agents.start()
+    assert one.obtain("open-event", "E") == ("0", NOT_FOUND)
+    first, _ = one.obtain("create-event", "E")
+    second, _ = two.obtain("open-event", "E")
+    assert one.ask("set", first) == "0"
+    assert one.ask("close", first) == "0"
+    third, error = one.obtain("create-event", "E")
+    assert (error, one.wait(third, 0)) == (EXISTS, OBJECT)
+    assert one.ask("close", third) == "0"
+    assert two.ask("close", second) == "0"
+    assert two.obtain("open-event", "E") == ("0", NOT_FOUND)
+    fourth, error = two.obtain("create-event", "E")
+    assert (error, two.wait(fourth, 0)) == (NONE, TIMEOUT)
+
+
+@linux_files
+def test_the_last_handle_takes_the_file_with_it(agents):
+    one = agents.start()
+    handle, _ = one.obtain("create-event", "E")
+    assert os.listdir(agents.folder) == ["keltop.Global%5CE"]
+    assert one.ask("close", handle) == "0"
+    assert os.listdir(agents.folder) == []
+
+
+def test_the_death_of_a_holder_closes_its_handles(agents):
+    leave_behind(agents, "create-event", "E")
+    one = agents.start()
+    assert one.obtain("open-event", "E") == ("0", NOT_FOUND)
+    handle, error = one.obtain("create-event", "E")
+    assert (error, one.wait(handle, 0)) == (NONE, TIMEOUT)
+
+
+def test_what_the_dead_left_does_not_even_keep_a_name(agents):
+    leave_behind(agents, "create-mutex", "X")
+    one = agents.start()
+    handle, error = one.obtain("create-semaphore", "X", 1, 3)
+    assert error == NONE
+    assert [one.wait(handle, 0), one.wait(handle, 0)] == [OBJECT, TIMEOUT]
+
+
+def test_one_of_two_holders_killed_leaves_the_object_to_the_other(agents):
+    one, two = agents.start(), agents.start()
+    handle, _ = one.obtain("create-event", "E")
+    two.obtain("open-event", "E")
+    two.kill()
+    three = agents.start()
+    third, error = three.obtain("create-event", "E")
+    assert error == EXISTS
+    assert one.ask("set", handle) == "0"
+    assert three.wait(third, 0) == OBJECT
+
+
+def test_two_hundred_rounds_of_sudden_death_leave_nothing(agents):
+    """A process is killed at a random moment of creating, opening, setting and closing; the next one starts afresh."""
+    choice = random.Random(20240115)
+    witness = agents.start()
+    for _ in range(200):
+        victim = agents.start()
+        victim.ask("create-mutex", "warm")  # it runs
+        victim.tell("churn", "E", 1_000_000)
+        time.sleep(choice.random() * 0.004)  # the random moment
+        victim.kill()
+        handle, error = witness.obtain("create-event", "E")
+        assert (error, witness.wait(handle, 0)) == (NONE, TIMEOUT)
+        assert witness.ask("set", handle) == "0"
+        assert witness.wait(handle, 0) == OBJECT
+        assert witness.ask("close", handle) == "0"
+        assert witness.obtain("open-event", "E") == ("0", NOT_FOUND)
+
+
+def test_create_and_open_race(agents):
+    racers = [agents.start() for _ in range(4)]
+    for racer in racers:
+        racer.tell("churn", "E", 1500)
+    assert [racer.answer() for racer in racers] == ["0"] * 4
+
+
+def test_a_name_created_by_many_at_once_is_one_object(agents):
+    racers = [agents.start() for _ in range(6)]
+    for round_number in range(50):
+        for racer in racers:
+            racer.tell("create-event", f"E{round_number}")
+        made = [racer.answer().split() for racer in racers]
+        assert sorted(int(error) for _, error in made) == [NONE] + [EXISTS] * 5
+        assert racers[0].ask("set", made[0][0]) == "0"
+        assert [racer.wait(handle, 0) for racer, (handle, _) in zip(racers, made)] == [OBJECT] * 6
+
+
+# Events
+
+
+def test_setting_an_event_wakes_every_waiter_and_stays(agents):
+    waiters = [agents.start() for _ in range(5)]
+    for waiter in waiters:
+        handle, _ = waiter.obtain("create-event", "E")
+        waiter.tell("wait", handle, FOR_EVER)
+    for waiter in waiters:
+        eventually(lambda: blocked(waiter))
+    setter = agents.start()
+    handle, _ = setter.obtain("open-event", "E")
+    assert setter.ask("set", handle) == "0"
+    assert [waiter.answer() for waiter in waiters] == [str(OBJECT)] * 5
+    assert setter.wait(handle, 0) == OBJECT
+
+
+def test_a_wait_ends_by_its_time(agents):
+    one = agents.start()
+    handle, _ = one.obtain("create-event", "E")
+    begin = time.monotonic()
+    assert one.wait(handle, 150) == TIMEOUT
+    assert time.monotonic() - begin >= 0.149
+
+
+def test_waiting_costs_no_processor_time(agents):
+    waiters = []
+    for command in ("create-event E", "create-mutex M", "create-semaphore S 0 5"):
+        waiter = agents.start()
+        handle, _ = waiter.obtain(*command.split())
+        waiters.append((waiter, handle))
+    holder = agents.start()
+    owned, _ = holder.obtain("create-mutex", "M")
+    assert holder.wait(owned, 0) == OBJECT
+    for waiter, handle in waiters:
+        waiter.tell("wait", handle, FOR_EVER)
+    for waiter, _ in waiters:
+        eventually(lambda: blocked(waiter))
+    before = [cpu_nanoseconds(waiter) for waiter, _ in waiters]
+    time.sleep(1.5)  # the time that is observed
+    spent = [cpu_nanoseconds(waiter) - start for (waiter, _), start in zip(waiters, before)]
+    assert max(spent) < 3_000_000, spent
+
+
+# Mutexes
+
+
+def test_a_mutex_belongs_to_one_process_at_a_time(agents):
+    one, two = agents.start(), agents.start()
+    first, _ = one.obtain("create-mutex", "M")
+    second, _ = two.obtain("create-mutex", "M")
+    assert one.wait(first, 0) == OBJECT
+    assert two.wait(second, 0) == TIMEOUT
+    assert two.ask("release", second) == str(NOT_OWNER)
+    two.tell("wait", second, FOR_EVER)
+    eventually(lambda: blocked(two))
+    assert one.ask("release", first) == "0"
+    assert two.answer() == str(OBJECT)
+    assert one.wait(first, 0) == TIMEOUT
+
+
+def test_a_mutex_is_recursive_for_its_owner_through_any_handle(agents):
+    one, two = agents.start(), agents.start()
+    first, _ = one.obtain("create-mutex", "M")
+    again, error = one.obtain("create-mutex", "M")
+    assert error == EXISTS
+    second, _ = two.obtain("create-mutex", "M")
+    assert [one.wait(first, 0), one.wait(again, 0)] == [OBJECT, OBJECT]
+    assert one.ask("release", again) == "0"
+    assert two.wait(second, 0) == TIMEOUT
+    assert one.ask("release", first) == "0"
+    assert one.ask("release", first) == str(NOT_OWNER)
+    assert two.wait(second, 0) == OBJECT
+
+
+def test_a_mutex_whose_owning_process_dies_is_abandoned_to_the_waiter(agents):
+    owner, waiter = agents.start(), agents.start()
+    owned, _ = owner.obtain("create-mutex", "M")
+    wanted, _ = waiter.obtain("create-mutex", "M")
+    for _ in range(20):
+        assert owner.wait(owned, FOR_EVER) == OBJECT
+        waiter.tell("wait", wanted, FOR_EVER)
+        eventually(lambda: blocked(waiter))
+        owner.kill()
+        assert waiter.answer() == str(ABANDONED)
+        assert waiter.wait(wanted, 0) == OBJECT  # it owns it
+        assert waiter.ask("release", wanted) == "0"
+        assert waiter.ask("release", wanted) == "0"
+        assert waiter.ask("release", wanted) == str(NOT_OWNER)
+        owner = agents.start()
+        owned, _ = owner.obtain("create-mutex", "M")
+
+
+def test_a_mutex_whose_owning_thread_ends_is_abandoned(agents):
+    one, two = agents.start(), agents.start()
+    first, _ = one.obtain("create-mutex", "M")
+    second, _ = two.obtain("create-mutex", "M")
+    assert one.ask("wait-in-thread", first) == str(OBJECT)
+    assert two.wait(second, 0) == ABANDONED
+    assert two.ask("release", second) == "0"
+    assert two.wait(second, 0) == OBJECT
+    assert two.ask("release", second) == "0"
+    assert one.ask("wait-in-thread", first) == str(OBJECT)
+    assert one.wait(first, 0) == ABANDONED
+
+
+def test_an_owned_mutex_stays_owned_when_its_handle_is_closed(agents):
+    one, two = agents.start(), agents.start()
+    first, _ = one.obtain("create-mutex", "M")
+    second, _ = two.obtain("create-mutex", "M")
+    assert one.wait(first, 0) == OBJECT
+    assert one.ask("close", first) == "0"
+    assert two.wait(second, 0) == TIMEOUT
+    one.kill()
+    assert two.wait(second, 10_000) == ABANDONED
+
+
+def test_an_owned_mutex_without_any_handle_is_gone(agents):
+    one, two = agents.start(), agents.start()
+    first, _ = one.obtain("create-mutex", "M")
+    assert one.wait(first, 0) == OBJECT
+    assert one.ask("close", first) == "0"
+    second, error = two.obtain("create-mutex", "M")
+    assert (error, two.wait(second, 0)) == (NONE, OBJECT)
+
+
+def test_a_mutex_that_must_be_new_is_refused_where_one_exists(agents):
+    one, two = agents.start(), agents.start()
+    one.obtain("create-mutex", "M")
+    assert two.ask("exclusive-mutex", "M") == "0"
+    assert two.ask("exclusive-mutex", "N") == "1"
+
+
+def test_automatic_locks_serialise_processes(agents):
+    one, two, three = agents.start(), agents.start(), agents.start()
+    assert one.ask("autolock", "LOG", "1067") == "locked"
+    two.tell("autolock", "LOG1067")  # the same object: name and suffix are joined
+    eventually(lambda: blocked(two))
+    assert three.ask("autolock", "LOG", "1068") == "locked"
+    assert one.ask("autounlock") == "unlocked"
+    assert two.answer() == "locked"
+    three.tell("autolock", "LOG1067")
+    eventually(lambda: blocked(three))
+    two.kill()
+    assert three.answer() == "locked"
+
+
+# Semaphores
+
+
+def test_a_semaphore_counts_across_processes_and_refuses_to_pass_its_maximum(agents):
+    one, two = agents.start(), agents.start()
+    first, _ = one.obtain("create-semaphore", "S", 1, 3)
+    second, error = two.obtain("create-semaphore", "S", 0, 9)
+    assert error == EXISTS
+    assert [two.ask("post", second) for _ in range(3)] == ["0", "0", str(TOO_MANY_POSTS)]
+    assert [one.wait(first, 0) for _ in range(4)] == [OBJECT] * 3 + [TIMEOUT]
+    one.tell("wait", first, FOR_EVER)
+    eventually(lambda: blocked(one))
+    assert two.ask("post", second) == "0"
+    assert one.answer() == str(OBJECT)
+
+
+def test_posts_and_waits_of_many_processes_balance(agents):
+    posters = [agents.start() for _ in range(2)]
+    takers = [agents.start() for _ in range(2)]
+    handles = {agent: agent.obtain("create-semaphore", "S", 0, 10_000)[0] for agent in posters + takers}
+
+    def work(agent, word, rounds):
+        for _ in range(rounds):
+            answer = agent.ask(word, handles[agent], *([20_000] if word == "wait" else []))
+            assert answer == "0"
+
+    threads = [threading.Thread(target=work, args=(agent, "post" if agent in posters else "wait", 400))
+               for agent in posters + takers]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    assert takers[0].wait(handles[takers[0]], 0) == TIMEOUT
+
+
+# Handles and names
+
+
+def test_closed_and_foreign_handles_fail_cleanly(agents):
+    one = agents.start()
+    event, _ = one.obtain("create-event", "E")
+    assert one.ask("close", event) == "0"
+    for handle in (event, "0", "99999", "18446744073709551615"):
+        assert one.ask("set", handle) == str(BAD_HANDLE)
+        assert one.ask("release", handle) == str(BAD_HANDLE)
+        assert one.ask("post", handle) == str(BAD_HANDLE)
+        assert one.wait(handle, 0) == FAILED
+        assert one.ask("close", handle) == str(BAD_HANDLE)
+    event, _ = one.obtain("create-event", "E")
+    assert one.ask("post", event) == str(BAD_HANDLE)
+    assert one.ask("release", event) == str(BAD_HANDLE)
+
+
+def test_a_name_of_another_kind_is_refused(agents):
+    one = agents.start()
+    one.obtain("create-event", "E")
+    assert one.obtain("create-mutex", "E") == ("0", BAD_HANDLE)
+    assert one.obtain("create-semaphore", "E", 0, 1) == ("0", BAD_HANDLE)
+
+
+@linux_files
+def test_every_name_is_a_file_of_its_own(agents):
+    one = agents.start()
+    for name in ("a/../b", "a%2Fb", "..", "ä", "x" * 230):
+        handle, error = one.obtain("create-event", name)
+        assert (error, handle != "0") == (NONE, True), name
+    assert len(os.listdir(agents.folder)) == 5
+    assert one.obtain("create-event", "x" * 300)[0] == "0"
+
+
+# Hostile files
+
+
+@linux_files
+GARBAGE = {
+    "empty": b"",
+    "truncated": b"KELTOBJ1",
+    "zeros": bytes(24),
+    "ones": b"\xff" * 24,
+    "oversized": b"\xff" * 100_000,
+    "value": b"KELTOBJ1" + struct.pack("4I", 1, 7, 1, 0),
+    "type": b"KELTOBJ1" + struct.pack("4I", 9, 0, 1, 0),
+    "count": b"KELTOBJ1" + struct.pack("4I", 3, 9, 3, 0),
+    "limit": b"KELTOBJ1" + struct.pack("4I", 3, 0, 0xFF000000, 0),
+}
+
+
+@linux_files
+@pytest.mark.parametrize("content", GARBAGE.values(), ids=GARBAGE.keys())
+def test_a_living_object_whose_file_is_garbage_gives_errors(agents, content):
+    one, two = agents.start(), agents.start()
+    for words in (["create-event", "E"], ["create-mutex", "M"], ["create-semaphore", "S", "1", "3"]):
+        handle, error = one.obtain(*words)
+        assert error == NONE
+        path = os.path.join(agents.folder, f"keltop.Global%5C{words[1]}")
+        with open(path, "r+b") as file:
+            file.truncate(0)
+            file.write(content)
+        assert one.wait(handle, 0) == FAILED
+        assert one.wait(handle, 50) == FAILED
+        assert one.ask("set", handle) != "0"
+        assert one.ask("post", handle) != "0"
+        assert two.obtain(*words) == ("0", BAD_DATA)
+        assert one.ask("close", handle) == "0"
+        again, error = two.obtain(*words)  # dead, and so of no more account
+        assert (again != "0", error) == (True, NONE)
+        two.ask("close", again)
+
+
+@linux_files
+def test_a_waiter_is_told_when_the_file_becomes_garbage(agents):
+    one = agents.start()
+    handle, _ = one.obtain("create-event", "E")
+    one.tell("wait", handle, FOR_EVER)
+    eventually(lambda: blocked(one))
+    os.truncate(the_file(agents), 3)
+    assert one.answer() == str(FAILED)
+
+
+@linux_files
+@pytest.mark.parametrize("make", [os.mkdir, os.mkfifo, lambda path: os.symlink("/nowhere", path),
+                                  lambda path: os.symlink("/etc/passwd", path)])
+def test_something_else_under_the_name_is_an_error(agents, make):
+    one = agents.start()
+    make(os.path.join(agents.folder, "keltop.Global%5CE"))
+    assert one.obtain("create-event", "E") == ("0", DENIED)
+    assert one.obtain("open-event", "E") == ("0", DENIED)
+
+
+@linux_files
+def test_a_stopped_holder_of_the_lock_makes_no_one_hang(agents):
+    """Some process keeps the bytes locked that are meant to be locked for an instant."""
+    import fcntl
+    one = agents.start()
+    handle, _ = one.obtain("create-semaphore", "S", 1, 3)
+    with open(the_file(agents), "r+b") as file:
+        lock = struct.pack("hhqqi", fcntl.F_WRLCK, os.SEEK_SET, 4096, 1, 0)
+        fcntl.fcntl(file, 37, lock)  # F_OFD_SETLK
+        assert one.wait(handle, 0) == FAILED
+        assert one.obtain("create-semaphore", "S", 1, 3) == ("0", 170)
+    assert one.wait(handle, 0) == OBJECT
+
+
+@linux_files
+def test_a_file_that_others_may_not_open_denies_access(agents):
+    if os.geteuid() != 0:
+        pytest.skip("only root can start a process as another account")
+    with open(os.path.join(agents.folder, "keltop.Global%5CM"), "wb") as file:
+        os.fchmod(file.fileno(), 0o600)
+    other = agents.start(user=NOBODY, group=NOBODY, extra_groups=[])
+    assert other.obtain("create-mutex", "M") == ("0", DENIED)
+    assert other.ask("exclusive-mutex", "M") == "0"
+
+
+# Two accounts
+
+
+@linux_files
+@as_root
+def test_an_object_is_for_every_account(agents):
+    """Either account creates, the other opens, sets and waits, whatever the umask; the folder is sticky."""
+    agents.command = nobody_can_run(agents)
+    for first, second in (({}, as_nobody()), (as_nobody(), {})):
+        one, two = agents.start(umask=0o077, **first), agents.start(umask=0o077, **second)
+        event, error = one.obtain("create-event", "E")
+        assert error == NONE
+        opened, error = two.obtain("create-event", "E")
+        assert error == EXISTS
+        two.tell("wait", opened, FOR_EVER)
+        eventually(lambda: blocked(two))
+        assert one.ask("set", event) == "0"
+        assert two.answer() == str(OBJECT)
+        mutex, _ = one.obtain("create-mutex", "M")
+        shared, _ = two.obtain("create-mutex", "M")
+        assert one.wait(mutex, 0) == OBJECT
+        assert two.wait(shared, 0) == TIMEOUT
+        one.kill()
+        assert two.wait(shared, 10_000) == ABANDONED
+        two.kill()
+
+
+@linux_files
+@as_root
+def test_what_another_account_left_behind_is_taken_over(agents):
+    agents.command = nobody_can_run(agents)
+    for first, second in (({}, as_nobody()), (as_nobody(), {})):
+        one, two = agents.start(**first), agents.start(**second)
+        event, _ = one.obtain("create-event", "E")
+        assert one.ask("set", event) == "0"
+        one.kill()
+        event, error = two.obtain("create-event", "E")
+        assert (error, two.wait(event, 0)) == (NONE, TIMEOUT)
+        two.ask("close", event)
+        assert two.obtain("open-event", "E") == ("0", NOT_FOUND)
+        two.kill()
+
+
+def as_nobody():
+    return {"user": NOBODY, "group": NOBODY, "extra_groups": []}
+
+
+def nobody_can_run(agents):
+    """The agent where another account can reach it: the build may lie in a home folder."""
+    copy = os.path.join(agents.folder, "agent")
+    if not os.path.exists(copy):
+        shutil.copy(agents.command[-1], copy)
+        os.chmod(copy, 0o755)
+    return [copy]
