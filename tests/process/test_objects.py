@@ -379,7 +379,6 @@ def test_every_name_is_a_file_of_its_own(agents):
 # Hostile files
 
 
-@linux_files
 GARBAGE = {
     "empty": b"",
     "truncated": b"KELTOBJ1",
