@@ -17,6 +17,7 @@
 #include "platform/KernelObjects.h"
 #include "platform/ListenPort.h"
 #include "platform/Process.h"
+#include "platform/StandardOutput.h"
 #include "product/ConsoleStream.h"
 #include "product/ParseNumber.h"
 #include "product/ShutdownEvent.h"
@@ -98,7 +99,9 @@ int listen(const SwitchMap& switches) {
     console << "Error: " << error.displayText() << std::endl;
     return 1;
   }
-  if (!workersFinish()) {
+  const bool finished = workersFinish();
+  platform::stopWaitingForOutput();
+  if (!finished) {
     // The library's thread pool would wait up to 10 s for each connection that somebody keeps open.
     platform::endProcess(0);
   }
