@@ -59,7 +59,7 @@ int dispatch(const SwitchMap& switches) {
 }  // namespace
 
 int run(int count, const char* const* arguments) {
-  platform::secureStandardStreams();
+  platform::prepareProcess();
   Poco::Net::initializeNetwork();
   greet();
   platform::setErrorMode(platform::kErrorModeNoBoxes);

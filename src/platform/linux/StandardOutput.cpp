@@ -7,23 +7,12 @@
 #include <atomic>
 #include <cerrno>
 #include <climits>
-#include <csignal>
+
+#include "platform/linux/BrokenPipe.h"
 
 namespace keltop::platform {
 
 namespace {
-
-/// The network library blocks SIGPIPE in its threads, where a reader that has gone would pass unnoticed for ever.
-void endByBrokenPipe() noexcept {
-  struct sigaction action = {};
-  if (::sigaction(SIGPIPE, nullptr, &action) == 0 && action.sa_handler == SIG_DFL) {
-    sigset_t pipe;
-    (void)::sigemptyset(&pipe);
-    (void)::sigaddset(&pipe, SIGPIPE);
-    (void)::pthread_sigmask(SIG_UNBLOCK, &pipe, nullptr);
-    (void)::raise(SIGPIPE);
-  }
-}
 
 std::atomic<bool> mayWait = true;
 

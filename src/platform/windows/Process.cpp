@@ -7,7 +7,7 @@
 namespace keltop::platform {
 
 /// Nothing to do: the run-time library keeps the three numbers for the standard streams, open or not.
-void secureStandardStreams() noexcept {}
+void prepareProcess() noexcept {}
 
 void endProcess(int exitCode) noexcept {
   // Nothing is flushed: every text was written out at once, and a stream that another thread is stuck in would make

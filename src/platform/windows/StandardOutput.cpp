@@ -21,6 +21,8 @@ bool writeStandardOutput(std::string_view text) noexcept {
   return write(stdout, text);
 }
 
+void stopWaitingForOutput() noexcept {}
+
 void writeStandardError(std::string_view text) noexcept {
   (void)write(stderr, text);
 }
