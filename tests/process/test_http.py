@@ -792,6 +792,30 @@ def test_ctrl_c_ends_it_at_once_whoever_is_connected(server, stop_clients):
         client.close()
 
 
+def test_ctrl_c_under_load_ends_it_in_good_order(keltop):
+    """Workers print and answer while the program ends."""
+    for turn in range(8):
+        running, port = keltop.listen()
+        done = threading.Event()
+
+        def load():
+            while not done.is_set():
+                with contextlib.suppress(OSError), connect(port) as client:
+                    send(client, post(b"x" * 20_000))
+                    read_to_end(client)
+
+        clients = [threading.Thread(target=load) for _ in range(4)]
+        for client in clients:
+            client.start()
+        try:
+            eventually(lambda: running.output.count(b"Response:") > 5 * turn, what="requests")
+            assert running.interrupt(PROMPT) == 0
+        finally:
+            done.set()
+            for client in clients:
+                client.join()
+
+
 # The standard output
 
 
