@@ -910,9 +910,9 @@ def test_a_pipe_that_closes_ends_it_when_a_worker_writes(keltop):
 def test_a_pipe_that_is_closed_from_the_beginning_ends_it(keltop):
     out, into = os.pipe()
     os.close(out)
-    process = subprocess.Popen([*keltop.command, "-p", str(free_port())], env=keltop.env, stdout=into)
-    os.close(into)
-    assert process.wait(LONG) == -signal.SIGPIPE
+    with started(keltop, free_port(), stdout=into) as process:
+        os.close(into)
+        assert process.wait(PROMPT) == -signal.SIGPIPE
 
 
 @posix_streams
