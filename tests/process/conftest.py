@@ -14,6 +14,8 @@ import time
 
 import pytest
 
+import wine
+
 LONG = 20.0  # seconds that a thing may take on a busy machine before it counts as not happening
 
 
@@ -21,6 +23,23 @@ def pytest_addoption(parser):
     parser.addoption("--keltop", default="build/release/keltop", help="the command that starts the program")
     parser.addoption("--agent", default="build/release/keltop_object_agent",
                      help="the command that starts a process that uses machine-wide objects")
+
+
+def is_windows(config):
+    return config.getoption("--keltop").endswith(".exe")
+
+
+@pytest.fixture(scope="session", autouse=True)
+def wine_prefix(request):
+    """A prefix of this worker's own; programs inherit it."""
+    if not is_windows(request.config):
+        yield
+        return
+    os.environ["WINEPREFIX"] = prefix = wine.make_prefix(os.environ["WINEPREFIX"])
+    try:
+        yield
+    finally:
+        wine.remove_prefix(prefix)
 
 
 def free_port():
