@@ -135,18 +135,22 @@ zeromq_recipe() {
     -DBUILD_TESTS=OFF -DWITH_DOCS=OFF -DWITH_PERF_TOOL=OFF -DENABLE_CURVE=OFF -DENABLE_CPACK=OFF
 }
 
+# Foundation, Net, JSON, Crypto, NetSSL and what these need: Util and XML.
 poco_recipe() {
   local off=() component
   for component in ACTIVERECORD ACTIVERECORD_COMPILER APACHECONNECTOR CPPPARSER DATA DATA_MYSQL DATA_ODBC DATA_POSTGRESQL \
-    DATA_SQLITE ENCODINGS JWT MONGODB PAGECOMPILER PAGECOMPILER_FILE2PAGE PDF POCODOC REDIS SEVENZIP TESTS ZIP XML; do
+    DATA_SQLITE ENCODINGS JWT MONGODB PAGECOMPILER PAGECOMPILER_FILE2PAGE PDF POCODOC REDIS SEVENZIP TESTS ZIP; do
     off+=("-DENABLE_$component=OFF")
   done
   # The source, its public headers too, spells two system headers as a file system without letter case lets it. The
   # second one's forwarding also drops a macro that is the name of a constant in the source.
   local headers=$1/install/include
-  mkdir -p "$headers"
-  echo '#include <winsock2.h>' >"$headers/Winsock2.h"
-  printf '#include <iphlpapi.h>\n#undef TIMESTAMP_REQUEST\n' >"$headers/Iphlpapi.h"
+  if [ ! -d "$headers" ]; then  # once: written anew, they would have everything compiled again
+    mkdir -p "$headers.partial"
+    echo '#include <winsock2.h>' >"$headers.partial/Winsock2.h"
+    printf '#include <iphlpapi.h>\n#undef TIMESTAMP_REQUEST\n' >"$headers.partial/Iphlpapi.h"
+    mv "$headers.partial" "$headers"
+  fi
   CPLUS_INCLUDE_PATH=$headers cmake_recipe "$1" -DENABLE_CRYPTO=ON -DENABLE_NETSSL=ON -DFORCE_OPENSSL=ON "${off[@]}"
 }
 
