@@ -4,7 +4,9 @@ set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/setup.sh"
 
 "$KELTOP_ROOT/scripts/build-windows.sh"
-need "${KELTOP_TEST_PACKAGES[@]}" "${KELTOP_WINE_PACKAGES[@]}"
+need "${KELTOP_BUILD_PACKAGES[@]}" "${KELTOP_TEST_PACKAGES[@]}" "${KELTOP_WINE_PACKAGES[@]}"
+echo "keltop: building (release), to compare with" >&2
+build release keltop
 source "$KELTOP_ROOT/scripts/wine-prefix.sh"
 
 cd "$KELTOP_ROOT"

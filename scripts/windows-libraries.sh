@@ -132,7 +132,7 @@ openssl_recipe() {
 
 zeromq_recipe() {
   cmake_recipe "$1" -DPOLLER=select -DZMQ_HAVE_IPC=OFF -DBUILD_SHARED=OFF -DBUILD_STATIC=ON \
-    -DBUILD_TESTS=OFF -DWITH_DOCS=OFF -DWITH_PERF_TOOL=OFF -DENABLE_CURVE=OFF -DENABLE_CPACK=OFF
+    -DWITH_LIBBSD=OFF -DBUILD_TESTS=OFF -DWITH_DOCS=OFF -DWITH_PERF_TOOL=OFF -DENABLE_CURVE=OFF -DENABLE_CPACK=OFF
 }
 
 # Foundation, Net, JSON, Crypto, NetSSL and what these need: Util and XML.
@@ -160,23 +160,26 @@ googletest_recipe() {
 
 # --- building --------------------------------------------------------------------------------------------------------
 
-# In this order: a library is also built anew when one before it is.
+# A library comes after the one that it needs.
 order=(openssl zeromq3 poco googletest)
 declare -A recipe_of=([openssl]=openssl_recipe [zeromq3]=zeromq_recipe [poco]=poco_recipe
   [googletest]=googletest_recipe)
+declare -A need_of=([poco]=openssl)
+declare -A name_of=()
 
-# inputs_key PACKAGE EARLIER: what stands for the recipe, the compiler and the libraries before it.
+# inputs_key PACKAGE: what stands for the recipe, the compiler and the library that it needs.
 inputs_key() {
+  local needed=${need_of[$1]:-}
   {
     declare -f "${recipe_of[$1]}" cmake_recipe
     cat "$toolchain"
     "$compiler" --version
-    echo "$2"
+    echo "${needed:+${name_of[$needed]}}"
   } | sha256sum | cut -c1-12
 }
 
 build_library() {
-  local package=$1 name=$2 version=$3 folder=$cache/$2
+  local package=$1 version=$2 folder=$cache/$3
   if [ ! -f "$folder/done" ]; then
     echo "keltop: building $package $version for Windows" >&2
     mkdir -p "$folder"
@@ -186,7 +189,7 @@ build_library() {
     rm -rf "$folder/source" "$folder/build"
     touch "$folder/done"
   fi
-  ln -sfn "../$name/install" "$cache/current/$package"
+  ln -sfn "../$3/install" "$cache/current/$package"
 }
 
 update=false
@@ -197,10 +200,9 @@ mkdir -p "$cache/current"
 exec 9>"$cache/lock"
 flock 9
 choose_sources
-earlier=
 for package in "${order[@]}"; do
   version=$(<"$cache/sources/$package.version")
-  earlier=$package-${version//:/_}-$(inputs_key "$package" "$earlier")
-  build_library "$package" "$earlier" "$version"
-  echo "$earlier"
+  name_of[$package]=$package-${version//:/_}-$(inputs_key "$package")
+  build_library "$package" "$version" "${name_of[$package]}"
+  echo "${name_of[$package]}"
 done

@@ -23,6 +23,8 @@ def pytest_addoption(parser):
     parser.addoption("--keltop", default="build/release/keltop", help="the command that starts the program")
     parser.addoption("--agent", default="build/release/keltop_object_agent",
                      help="the command that starts a process that uses machine-wide objects")
+    parser.addoption("--reference", default="build/release/keltop",
+                     help="the Linux build, for comparing the Windows build with it")
 
 
 def is_windows(config):
