@@ -1,2 +1,2 @@
 find_package(Threads REQUIRED)
-find_package(Poco REQUIRED COMPONENTS Foundation Net)
+find_package(Poco REQUIRED COMPONENTS Foundation Net NetSSL JSON)

@@ -12,7 +12,8 @@
 #include "platform/ErrorMode.h"
 #include "platform/KeyPress.h"
 #include "platform/Process.h"
-#include "platform/StandardOutput.h"
+#include "posts/PostISI.h"
+#include "posts/PostRSI.h"
 #include "product/ConsoleStream.h"
 #include "product/SwitchMap.h"
 
@@ -36,11 +37,6 @@ int help(bool waitForKey) {
   return 0;
 }
 
-int notYet(std::string_view what) {
-  platform::writeStandardError(std::string(what).append(" is not part of this build yet.\n"));
-  return 1;
-}
-
 int dispatch(const SwitchMap& switches) {
   if (switches.empty() || findSwitch(switches, "H") != nullptr || findSwitch(switches, "?") != nullptr) {
     return help(switches.empty());
@@ -48,10 +44,12 @@ int dispatch(const SwitchMap& switches) {
   platform::addConsoleControlHandler(handleConsoleControl);
   createShutdownEvent();
   if (findSwitch(switches, "RSI") != nullptr) {
-    return notYet("The room status post");
+    PostRSI(switches);
+    return 0;
   }
   if (findSwitch(switches, "ISI") != nullptr) {
-    return notYet("The inventory post");
+    PostISI(switches);
+    return 0;
   }
   return listen(switches);
 }
