@@ -46,18 +46,19 @@ std::unique_ptr<HTTPClientSession> openSecureSession(const std::string& host, st
   return std::make_unique<Poco::Net::HTTPSClientSession>(host, port, context);
 }
 
-void printHeaders(std::ostream& console, const MessageHeader& headers) {
+void printHeaders(std::ostream& text, const MessageHeader& headers) {
   for (const auto& [name, value] : headers) {
-    console << name << ": " << value << "\r\n";
+    text << name << ": " << value << "\r\n";
   }
 }
 
 bool showWholeRequest(std::ostream& console, const HTTPRequest& request, const std::string& body) {
   try {
     console << "Sending request" << std::endl;
-    console << request.getMethod() << ' ' << request.getURI() << ' ' << request.getVersion() << "\r\n";
-    printHeaders(console, request);
-    console << "\r\n" << body;
+    std::ostringstream head;
+    head << request.getMethod() << ' ' << request.getURI() << ' ' << request.getVersion() << "\r\n";
+    printHeaders(head, request);
+    console << head.view() << "\r\n" << body;
     return true;
   } catch (const Poco::Exception& error) {
     report(kSiteDump, "Read error: ", error);  // "Read" is intended
@@ -132,16 +133,16 @@ const HttpWay kHttps = {.openSession = openSecureSession,
                         .waySite = 1192};
 
 void showResponse(std::ostream& console, const HttpWay& way, const HTTPResponse& response, std::string_view body) {
+  const int status = static_cast<int>(response.getStatus());
   try {
     console << way.responseTitle << std::flush;
+    std::ostringstream head;
     // The reason comes before the code, the reverse of a status line, on purpose.
-    console << response.getVersion() << ' ' << response.getReason() << ' ' << static_cast<int>(response.getStatus())
-            << "\r\n";
-    printHeaders(console, response);
-    console << way.headEnd << body << "\r\n";
+    head << response.getVersion() << ' ' << response.getReason() << ' ' << status << "\r\n";
+    printHeaders(head, response);
+    console << head.view() << way.headEnd << body << "\r\n";
   } catch (const Poco::Exception& error) {
-    console << "\r\nResponse code: " << static_cast<int>(response.getStatus()) << ' ' << response.getReason()
-            << std::endl;
+    ConsoleStream() << "\r\nResponse code: " << status << ' ' << response.getReason() << std::endl;
     report(way.showSite, "Error: ", error);
   }
 }
