@@ -1,9 +1,13 @@
 #include <Poco/Exception.h>
 #include <Poco/Net/NetException.h>
+#include <Poco/Net/ServerSocket.h>
+#include <Poco/Net/SocketAddress.h>
+#include <Poco/Net/StreamSocket.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <functional>
+#include <future>
 #include <sstream>
 #include <stdexcept>
 #include <streambuf>
@@ -118,6 +122,48 @@ TEST(HttpPost, reportsAFailureToReadTheResponse) {
   script.onReceive = [](HTTPResponse&) { throw Poco::Net::MessageException("why"); };
   EXPECT_EQ(consoleOf(kPlainHttp, script), "[the body]Post(1261) Read error: Malformed message: why\n");
   EXPECT_EQ(consoleOf(kHttps, script), "[the body]Post(1167) Read error: Malformed message: why\n");
+}
+
+/// What the console shows of a post to a peer that accepts, sends `answer` and then stalls.
+std::string consoleOfStalledPost(const HttpWay& way, const std::string& answer) {
+  Poco::Net::ServerSocket listening(Poco::Net::SocketAddress("127.0.0.1", 0));
+  std::promise<void> done;
+  std::future<void> peer = std::async(std::launch::async, [&] {
+    Poco::Net::StreamSocket connection = listening.acceptConnection();
+    connection.sendBytes(answer.data(), static_cast<int>(answer.size()));
+    done.get_future().wait();
+  });
+  const std::string body = "the body";
+  const Posting posting = {.host = "127.0.0.1",
+                           .port = listening.address().port(),
+                           .path = "/p/",
+                           .contentType = "t",
+                           .userAgent = "a",
+                           .body = body};
+  testing::internal::CaptureStdout();
+  postHttp(way, posting, 100ms);
+  done.set_value();
+  peer.get();
+  const std::string console = testing::internal::GetCapturedStdout();
+  return console.substr(console.find(body) + body.size());
+}
+
+TEST(HttpPost, doesNotWaitForEverForAPeerThatStalls) {
+  EXPECT_EQ(consoleOfStalledPost(kPlainHttp, ""), "Post(1257) Read timeout: Timeout\n");
+  EXPECT_EQ(consoleOfStalledPost(kPlainHttp, "HTTP/1.1 200 OK\r\nContent-"), "Post(1257) Read timeout: Timeout\n");
+}
+
+/// The library's stream ends, without an exception, at the last whole piece that came before the stall.
+TEST(HttpPost, showsTheWholePiecesOfABodyThatStalls) {
+  const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 9999\r\n\r\n";
+  const std::string title = "\r\nReceived response\nHTTP/1.1 OK 200\r\nContent-Length: 9999\r\n\r\n";
+  EXPECT_EQ(consoleOfStalledPost(kPlainHttp, head + "abc"), title + "\r\n");
+  EXPECT_EQ(consoleOfStalledPost(kPlainHttp, head + std::string(8195, 'x')), title + std::string(8192, 'x') + "\r\n");
+}
+
+/// The library notices a handshake that did not come about when it reads.
+TEST(HttpPost, doesNotWaitForEverForAHandshakeThatStalls) {
+  EXPECT_EQ(consoleOfStalledPost(kHttps, ""), "\nPost(1163) Read timeout: Timeout\n");
 }
 
 TEST(HttpPost, catchesOnlyTheLibrarysExceptions) {
