@@ -5,7 +5,6 @@
 #include <Poco/String.h>
 
 #include <sstream>
-#include <string>
 
 #include "posts/Post.h"
 #include "posts/Protocol.h"
@@ -107,6 +106,18 @@ void addUser(XmlElement& room, const PostValues& values) {
   }
   if (!values.lastName.empty()) {
     user.addChildElement("lname").addText(values.lastName);
+  }
+}
+
+std::string makePayload(const TestPost& post, const PostValues& values, std::uint32_t protocol) {
+  switch (protocol) {
+    case kProtocolJson:
+      return jsonPayload(post, values);
+    case kProtocolJazz:
+    case kProtocolXml:
+      return xmlPayload(post, values, protocol == kProtocolJazz);
+    default:
+      return {};
   }
 }
 

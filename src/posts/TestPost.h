@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <span>
+#include <string>
 #include <string_view>
 
 #include "posts/PostValues.h"
@@ -27,6 +28,9 @@ struct TestPost {
 
 /// Sends the post that the switches ask for. A failure of the network library is printed.
 void sendTestPost(const SwitchMap& switches, const TestPost& post);
+
+/// The text that the post sends; none for a protocol that the posts do not speak.
+[[nodiscard]] std::string makePayload(const TestPost& post, const PostValues& values, std::uint32_t protocol);
 
 /// Puts a number in, in plain decimal.
 void addAttribute(XmlElement& element, std::string_view name, std::int32_t value);
