@@ -125,9 +125,7 @@ void sendTestPost(const SwitchMap& switches, const TestPost& post) {
   try {
     const std::uint32_t protocol = chooseProtocol(switches, post.name);
     const PostValues values = gatherValues(switches, post.valueSwitches);
-    const std::string payload =
-        protocol == kProtocolJson ? jsonPayload(post, values) : xmlPayload(post, values, protocol == kProtocolJazz);
-    Post(switches, protocol, agent(post), payload);
+    Post(switches, protocol, agent(post), makePayload(post, values, protocol));
   } catch (const Poco::Exception& error) {
     printSiteLine(post.routine, post.errorSite, "Error: ", error.displayText());
   }
