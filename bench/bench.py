@@ -4,6 +4,7 @@ Each ratio is the median of pairs taken one right after the other, so that what 
 """
 
 import argparse
+import json
 import os
 import re
 import signal
@@ -224,6 +225,20 @@ http {{
         finally:
             self.stop(server)
 
+    # XML
+
+    def xml(self, rounds):
+        done = subprocess.run([os.path.join(self.build, "XmlElementBench"), f"--benchmark_repetitions={rounds}",
+                               "--benchmark_enable_random_interleaving=true", "--benchmark_format=json"],
+                              stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, check=True)
+        speeds = {}
+        for run in json.loads(done.stdout)["benchmarks"]:
+            if run["run_type"] == "iteration":
+                speeds.setdefault(run["run_name"], []).append(run["items_per_second"])
+        for what, own, tiny in (("XML elements written", "writeOwnTree", "writeTinyTree"),
+                                ("XML elements built and written", "buildAndWriteOwnTree", "buildAndWriteTinyTree")):
+            self.ratio(what, list(zip(speeds[own], speeds[tiny])), "TinyXML2", None, "1/s")
+
     # What must not grow
 
     @staticmethod
@@ -285,7 +300,7 @@ def main():
     options = argparse.ArgumentParser(description=__doc__)
     options.add_argument("--build", required=True, help="the folder of the built programs")
     options.add_argument("--quick", action="store_true", help="shorter rounds, for trying the benchmark itself")
-    options.add_argument("only", nargs="*", help="http, raw, start, posts or growth; all without")
+    options.add_argument("only", nargs="*", help="http, raw, start, posts, xml or growth; all without")
     given = options.parse_args()
     with tempfile.TemporaryDirectory(prefix="keltop-bench-") as folder:
         bench = Bench(given.build, folder)
@@ -293,6 +308,7 @@ def main():
                  "raw": lambda: bench.raw(1 if given.quick else 5, 20),
                  "start": lambda: bench.start_up(5 if given.quick else 31),
                  "posts": lambda: bench.posts(5 if given.quick else 31),
+                 "xml": lambda: bench.xml(3 if given.quick else 11),
                  "growth": bench.growth}
         for name, part in parts.items():
             if not given.only or name in given.only:
