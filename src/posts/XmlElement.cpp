@@ -67,7 +67,7 @@ void writeEscaped(std::string_view text, Sink& sink) {
     const auto* entity =
         std::find_if(kEntities.begin(), kEntities.end(), [&](const Entity& row) { return row.character == text[at]; });
     if (entity == kEntities.end()) {
-      at = std::min(at + sequenceLength(text[at]), text.size());
+      at += sequenceLength(text[at]);  // past the end, where that cuts a sequence short, is the end as well
     } else {
       sink.put(text.substr(plain, at - plain));
       sink.put(entity->text);
