@@ -1,6 +1,7 @@
 """The command line: banner, help, which mode runs, and the exit codes."""
 
 import contextlib
+import glob
 import os
 import shutil
 import signal
@@ -286,6 +287,7 @@ def test_sixty_four_connections_wait_to_be_accepted(keltop, mode):
     """Linux holds one more than the number it is given."""
     running, port = keltop.listen(*mode)
     running.send_signal(signal.SIGSTOP)  # nothing is accepted
+    eventually(lambda: all_stopped(running))
     with contextlib.ExitStack() as stack:
         peers = [stack.enter_context(socket.socket()) for _ in range(80)]
         for peer in peers:
@@ -294,6 +296,15 @@ def test_sixty_four_connections_wait_to_be_accepted(keltop, mode):
         waiting = [peer for peer in peers if not peer_is_missing(peer)]
         running.send_signal(signal.SIGCONT)
     assert len(waiting) == 64 + 1
+
+
+def all_stopped(running):
+    """Whether the stop has reached every thread."""
+    states = set()
+    for path in glob.glob(f"/proc/{running.process.pid}/task/*/stat"):
+        with open(path, encoding="ascii") as file:
+            states.add(file.read().rsplit(")", 1)[1].split()[0])
+    return states == {"T"}
 
 
 def peer_is_missing(peer):
