@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -76,43 +78,27 @@ TEST_F(Files, operationsOnNoFileFail) {
   EXPECT_EQ(tellFile(kNoFile), -1);
 }
 
-TEST_F(Files, aHeldGateHoldsBackEveryOtherWriter) {
-  const FileHandle holder = open("a");
-  const FileHandle writer = open("a");
-  EXPECT_TRUE(appendToFile(holder, "before"));
-  std::thread held;
-  {
-    const AppendGate gate(holder);
-    held = std::thread([writer] { EXPECT_TRUE(appendToFile(writer, "after")); });
-    ASSERT_TRUE(copyFile(folder_ / "a", folder_ / "b"));
-    ASSERT_TRUE(truncateFile(holder, 0));
-    EXPECT_EQ(contentOf(folder_ / "a"), "");
-  }
-  held.join();
-  EXPECT_EQ(contentOf(folder_ / "a"), "after");
-  EXPECT_EQ(contentOf(folder_ / "b"), "before");
-  closeFile(holder);
-  closeFile(writer);
-}
-
-TEST_F(Files, writersNeverLoseWhatIsWrittenBesideACopyAndItsTruncation) {
-  constexpr int kLines = 4000;
+TEST_F(Files, nothingWrittenBesideACopyAndItsTruncationIsLost) {
+  constexpr int kTexts = 20000;
   const FileHandle writer = open("a");
   const FileHandle mover = open("a");
-  std::thread writing([writer] {
-    for (int i = 0; i < kLines; ++i) {
+  std::atomic<bool> done = false;
+  std::thread writing([writer, &done] {
+    for (int i = 0; i < kTexts; ++i) {
       EXPECT_TRUE(appendToFile(writer, "x"));
     }
+    done = true;
   });
   std::uintmax_t moved = 0;
-  for (int i = 0; i < 200; ++i) {
+  while (!done) {
     const AppendGate gate(mover);
-    ASSERT_TRUE(copyFile(folder_ / "a", folder_ / "b"));
-    ASSERT_TRUE(truncateFile(mover, 0));
+    EXPECT_TRUE(copyFile(folder_ / "a", folder_ / "b"));
+    EXPECT_TRUE(truncateFile(mover, 0));
     moved += fs::file_size(folder_ / "b");
   }
   writing.join();
-  EXPECT_EQ(moved + fs::file_size(folder_ / "a"), static_cast<std::uintmax_t>(kLines));
+  EXPECT_GT(moved, 0U) << "the two ran one after the other";
+  EXPECT_EQ(moved + fs::file_size(folder_ / "a"), static_cast<std::uintmax_t>(kTexts));
   closeFile(writer);
   closeFile(mover);
 }
