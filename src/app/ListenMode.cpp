@@ -23,6 +23,7 @@
 #include "semaphore/EventSemaphore.h"
 #include "servers/RawPacketConnectionFactory.h"
 #include "servers/RestRequestHandlerFactory.h"
+#include "trace/StopTrace.h"
 
 namespace keltop {
 
@@ -100,6 +101,7 @@ int listen(const SwitchMap& switches) {
   }
   if (!workersFinish()) {
     // The library's thread pool would wait up to 10 s for each connection that somebody keeps open.
+    stopTrace();
     platform::endProcess(0);
   }
   return 0;
