@@ -81,7 +81,7 @@ int dispatch(const SwitchMap& switches) {
 }  // namespace
 
 int run(int count, const char* const* arguments) {
-  platform::secureStandardStreams();
+  platform::prepareProcess();
   Poco::Net::initializeNetwork();
   startTrace();
   greet();

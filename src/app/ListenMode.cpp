@@ -5,6 +5,7 @@
 #include <Poco/Net/HTTPServerParams.h>
 #include <Poco/Net/ServerSocket.h>
 #include <Poco/Net/SocketAddress.h>
+#include <Poco/Net/SocketImpl.h>
 #include <Poco/Net/TCPServer.h>
 #include <Poco/ThreadPool.h>
 
@@ -17,6 +18,7 @@
 #include "platform/KernelObjects.h"
 #include "platform/ListenPort.h"
 #include "platform/Process.h"
+#include "platform/StandardOutput.h"
 #include "product/ConsoleStream.h"
 #include "product/ParseNumber.h"
 #include "product/ShutdownEvent.h"
@@ -37,8 +39,11 @@ constexpr auto kWorkersLook = std::chrono::milliseconds(2);
 
 /// Not ServerSocket(port): that also lets a second program listen on the port, unnoticed by both.
 Poco::Net::ServerSocket listenOn(std::uint16_t port) {
+  const Poco::Net::SocketAddress address(port);
   Poco::Net::ServerSocket socket;
-  socket.bind(Poco::Net::SocketAddress(port), platform::reuseListenAddress(), false);
+  socket.init(address.af());
+  platform::prepareListenSocket(static_cast<std::uintptr_t>(socket.impl()->sockfd()));
+  socket.bind(address, false, false);
   socket.listen(kBacklog);
   return socket;
 }
@@ -99,7 +104,9 @@ int listen(const SwitchMap& switches) {
     console << "Error: " << error.displayText() << std::endl;
     return 1;
   }
-  if (!workersFinish()) {
+  const bool finished = workersFinish();
+  platform::stopWaitingForOutput();
+  if (!finished) {
     // The library's thread pool would wait up to 10 s for each connection that somebody keeps open.
     stopTrace();
     platform::endProcess(0);

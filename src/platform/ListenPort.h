@@ -1,9 +1,15 @@
 #pragma once
 
+#include <cstdint>
+
 namespace keltop::platform {
 
-/// Whether a listening socket asks for address reuse. On Linux that lets a restart bind while old connections are
-/// still in TIME-WAIT; on Windows the same option would let two programs share one port.
-[[nodiscard]] bool reuseListenAddress() noexcept;
+/// Sees to it that a port in use is an error for whoever comes second. `socket` is the system's number of a socket that
+/// is not bound yet.
+///
+/// Linux: address reuse, so that a restart can bind while old connections are still in TIME-WAIT. Windows: there that
+/// option would let two programs share the port, and without any option another program's use of it would; the
+/// exclusive one lets none.
+void prepareListenSocket(std::uintptr_t socket) noexcept;
 
 }  // namespace keltop::platform

@@ -3,9 +3,13 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "platform/linux/BrokenPipe.h"
+
 namespace keltop::platform {
 
-void secureStandardStreams() noexcept {
+namespace {
+
+void fillStandardStreams() noexcept {
   for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
     if (::fcntl(stream, F_GETFD) < 0) {
       // Opened the wrong way round, so that using the stream is still the error that the parent asked for. The lowest
@@ -13,6 +17,13 @@ void secureStandardStreams() noexcept {
       (void)::open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY);
     }
   }
+}
+
+}  // namespace
+
+void prepareProcess() noexcept {
+  fillStandardStreams();
+  surviveBrokenPipes();
 }
 
 void endProcess(int exitCode) noexcept {

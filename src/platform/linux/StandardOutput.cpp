@@ -3,34 +3,39 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
-#include <csignal>
+#include <climits>
+
+#include "platform/linux/BrokenPipe.h"
 
 namespace keltop::platform {
 
 namespace {
 
-/// The network library blocks SIGPIPE in its threads, where a reader that has gone would pass unnoticed for ever.
-void endByBrokenPipe() noexcept {
-  struct sigaction action = {};
-  if (::sigaction(SIGPIPE, nullptr, &action) == 0 && action.sa_handler == SIG_DFL) {
-    sigset_t pipe;
-    (void)::sigemptyset(&pipe);
-    (void)::sigaddset(&pipe, SIGPIPE);
-    (void)::pthread_sigmask(SIG_UNBLOCK, &pipe, nullptr);
-    (void)::raise(SIGPIPE);
-  }
+std::atomic<bool> mayWait = true;
+
+bool takesMore(int descriptor, int milliseconds) noexcept {
+  pollfd writable = {descriptor, POLLOUT, 0};
+  return ::poll(&writable, 1, milliseconds) > 0;
 }
 
 bool writeAll(int descriptor, std::string_view text) noexcept {
   while (!text.empty()) {
-    const ssize_t written = ::write(descriptor, text.data(), text.size());
+    std::size_t piece = text.size();
+    if (!mayWait) {
+      if (!takesMore(descriptor, 0)) {
+        return false;
+      }
+      piece = std::min<std::size_t>(piece, PIPE_BUF);  // as much as a pipe that takes anything takes at once
+    }
+    const ssize_t written = ::write(descriptor, text.data(), piece);
     if (written >= 0) {
       text.remove_prefix(static_cast<std::size_t>(written));
     } else if (errno == EAGAIN) {
       // Somebody who shares the terminal or the pipe made it non-blocking.
-      pollfd writable = {descriptor, POLLOUT, 0};
-      (void)::poll(&writable, 1, -1);
+      (void)takesMore(descriptor, -1);
     } else if (errno != EINTR) {
       return false;
     }
@@ -41,6 +46,7 @@ bool writeAll(int descriptor, std::string_view text) noexcept {
 }  // namespace
 
 bool writeStandardOutput(std::string_view text) noexcept {
+  errno = 0;
   if (writeAll(STDOUT_FILENO, text)) {
     return true;
   }
@@ -48,6 +54,10 @@ bool writeStandardOutput(std::string_view text) noexcept {
     endByBrokenPipe();
   }
   return false;
+}
+
+void stopWaitingForOutput() noexcept {
+  mayWait = false;
 }
 
 void writeStandardError(std::string_view text) noexcept {

@@ -1,13 +1,11 @@
-#include "platform/Clock.h"
+#include "platform/SystemLocalTime.h"
 
-#include <atomic>
+#include <cstdint>
 #include <ctime>
 
 namespace keltop::platform {
 
 namespace {
-
-std::atomic<LocalTimeSource> replaced = nullptr;
 
 template <typename Field>
 std::uint16_t field(Field value) noexcept {
@@ -16,10 +14,7 @@ std::uint16_t field(Field value) noexcept {
 
 }  // namespace
 
-LocalTime localTime() noexcept {
-  if (const LocalTimeSource source = replaced.load(); source != nullptr) {
-    return source();
-  }
+LocalTime systemLocalTime() noexcept {
   timespec now = {};
   (void)::clock_gettime(CLOCK_REALTIME, &now);
   std::tm local = {};
@@ -34,10 +29,6 @@ LocalTime localTime() noexcept {
           .minute = field(local.tm_min),
           .second = field(local.tm_sec),
           .milliseconds = field(now.tv_nsec / kNanosecondsInMillisecond)};
-}
-
-void setLocalTimeSource(LocalTimeSource source) noexcept {
-  replaced.store(source);
 }
 
 }  // namespace keltop::platform

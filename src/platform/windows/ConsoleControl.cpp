@@ -1,0 +1,32 @@
+#include "platform/ConsoleControl.h"
+
+#include <windows.h>
+
+#include <atomic>
+
+namespace keltop::platform {
+
+namespace {
+
+static_assert(kControlCtrlC == CTRL_C_EVENT && kControlClosed == CTRL_CLOSE_EVENT);
+
+std::atomic<ConsoleControlHandler> installed = nullptr;
+
+BOOL WINAPI serve(DWORD type) {
+  if (!installed.load()(type)) {
+    return FALSE;
+  }
+  if (type == CTRL_CLOSE_EVENT) {
+    // The system ends the process as soon as this returns; held back, main can end it in good order.
+    ::Sleep(INFINITE);
+  }
+  return TRUE;
+}
+
+}  // namespace
+
+bool addConsoleControlHandler(ConsoleControlHandler handler) noexcept {
+  return installed.exchange(handler) != nullptr || ::SetConsoleCtrlHandler(serve, TRUE) != FALSE;
+}
+
+}  // namespace keltop::platform

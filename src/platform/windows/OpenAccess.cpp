@@ -1,0 +1,29 @@
+#include "platform/OpenAccess.h"
+
+#include <windows.h>
+
+#include <new>
+
+namespace keltop::platform {
+
+namespace {
+
+/// The attributes come first, so that the rule's address is theirs.
+struct Rule {
+  SECURITY_ATTRIBUTES attributes = {};
+  SECURITY_DESCRIPTOR descriptor = {};
+};
+
+static_assert(sizeof(SECURITY_ATTRIBUTES) == 24);
+
+}  // namespace
+
+OpenAccess::OpenAccess() noexcept {
+  static_assert(sizeof(Rule) <= sizeof storage_);
+  Rule& rule = *::new (static_cast<void*>(storage_)) Rule;
+  ready_ = ::InitializeSecurityDescriptor(&rule.descriptor, SECURITY_DESCRIPTOR_REVISION) != FALSE &&
+           ::SetSecurityDescriptorDacl(&rule.descriptor, TRUE, nullptr, FALSE) != FALSE;
+  rule.attributes = {sizeof rule.attributes, &rule.descriptor, FALSE};
+}
+
+}  // namespace keltop::platform

@@ -1,0 +1,93 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+#include "platform/KernelObjects.h"
+#include "support/UniqueName.h"
+
+namespace keltop::platform {
+namespace {
+
+std::string kernelName() {
+  return "Global\\" + uniqueName();
+}
+
+TEST(KernelObjects, unnamedObjectsAreDistinct) {
+  const ObjectHandle first = createEvent(nullptr, {});
+  const ObjectHandle second = createEvent(nullptr, {});
+  EXPECT_EQ(lastError(), kNoError);
+  EXPECT_TRUE(setEvent(first));
+  EXPECT_EQ(waitForObject(first, 0), kWaitObject);
+  EXPECT_EQ(waitForObject(second, 0), kWaitTimeout);
+  EXPECT_TRUE(closeObject(first));
+  EXPECT_TRUE(closeObject(second));
+}
+
+TEST(KernelObjects, aClosedHandleFailsCleanlyEverywhere) {
+  const ObjectHandle closed = createEvent(nullptr, {});
+  ASSERT_TRUE(closeObject(closed));
+  EXPECT_FALSE(setEvent(closed));
+  EXPECT_EQ(lastError(), kErrorInvalidHandle);
+  EXPECT_FALSE(releaseMutex(closed));
+  EXPECT_FALSE(releaseSemaphore(closed));
+  EXPECT_EQ(waitForObject(closed, kInfinite), kWaitFailed);
+  EXPECT_FALSE(closeObject(closed));
+  EXPECT_FALSE(closeObject(ObjectHandle::none));
+}
+
+TEST(KernelObjects, anOperationOfAnotherKindIsRefused) {
+  const ObjectHandle event = createEvent(nullptr, {});
+  const ObjectHandle mutex = createMutex(nullptr, {});
+  const ObjectHandle semaphore = createSemaphore(nullptr, 0, 1, {});
+  EXPECT_FALSE(setEvent(mutex));
+  EXPECT_FALSE(releaseMutex(semaphore));
+  EXPECT_FALSE(releaseSemaphore(event));
+  EXPECT_EQ(lastError(), kErrorInvalidHandle);
+  for (const ObjectHandle handle : {event, mutex, semaphore}) {
+    EXPECT_TRUE(closeObject(handle));
+  }
+}
+
+TEST(KernelObjects, aSemaphoreNeedsSensibleCounts) {
+  EXPECT_EQ(createSemaphore(nullptr, -1, 1, {}), ObjectHandle::none);
+  EXPECT_EQ(createSemaphore(nullptr, 2, 1, {}), ObjectHandle::none);
+  EXPECT_EQ(createSemaphore(nullptr, 0, 0, {}), ObjectHandle::none);
+  EXPECT_EQ(lastError(), kErrorInvalidParameter);
+}
+
+TEST(KernelObjects, aTimedWaitTakesItsTime) {
+  for (const std::string& name : {std::string(), kernelName()}) {
+    const ObjectHandle event = createEvent(nullptr, name);
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(waitForObject(event, 30), kWaitTimeout);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(29));
+    EXPECT_TRUE(closeObject(event));
+  }
+}
+
+TEST(KernelObjects, anObjectClosedDuringAWaitStaysUntilTheWaitEnds) {
+  const std::string name = kernelName();
+  const ObjectHandle waited = createEvent(nullptr, name);
+  const ObjectHandle other = openEvent(name);
+  std::thread waiter([&] { EXPECT_EQ(waitForObject(waited, kInfinite), kWaitObject); });
+  EXPECT_TRUE(setEvent(other));
+  waiter.join();
+  EXPECT_TRUE(closeObject(waited));
+  EXPECT_TRUE(closeObject(other));
+}
+
+TEST(KernelObjects, aMutexOwnedWhenItsLastHandleClosesIsForgotten) {
+  const std::string name = kernelName();
+  const ObjectHandle first = createMutex(nullptr, name);
+  ASSERT_EQ(waitForObject(first, 0), kWaitObject);
+  ASSERT_TRUE(closeObject(first));
+  const ObjectHandle second = createMutex(nullptr, name);
+  EXPECT_EQ(lastError(), kNoError);
+  std::thread([&] { EXPECT_EQ(waitForObject(second, 0), kWaitObject); }).join();
+  EXPECT_EQ(waitForObject(second, 0), kWaitAbandoned);
+  EXPECT_TRUE(closeObject(second));
+}
+
+}  // namespace
+}  // namespace keltop::platform

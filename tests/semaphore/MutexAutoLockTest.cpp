@@ -1,0 +1,71 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "semaphore/MutexAutoLock.h"
+#include "support/UniqueName.h"
+
+namespace SEMAPHORE {
+namespace {
+
+namespace platform = keltop::platform;
+using keltop::uniqueName;
+
+std::uint32_t tryLock(const std::string& name) {
+  std::uint32_t result = 0;
+  std::thread([&] {
+    Mutex mutex;
+    mutex.create(name, true);
+    result = mutex.lock(0);
+    mutex.unlock();
+  }).join();
+  return result;
+}
+
+TEST(MutexAutoLock, ownsTheMutexOfNameAndSuffixForItsLife) {
+  const std::string name = uniqueName();
+  {
+    const MutexAutoLock lock(name, "-x");
+    EXPECT_EQ(tryLock(name + "-x"), platform::kWaitTimeout);
+    EXPECT_EQ(tryLock(name), platform::kWaitObject);
+  }
+  EXPECT_EQ(tryLock(name + "-x"), platform::kWaitObject);
+}
+
+TEST(MutexAutoLock, withoutASuffixTheNameIsAll) {
+  const std::string name = uniqueName();
+  const MutexAutoLock lock(name);
+  EXPECT_EQ(tryLock(name), platform::kWaitTimeout);
+}
+
+TEST(MutexAutoLock, theSecondOneWaitsForTheFirst) {
+  const std::string name = uniqueName();
+  auto first = std::make_unique<MutexAutoLock>(name, "");
+  bool released = false;
+  std::thread second([&] {
+    const MutexAutoLock lock(name, "");
+    EXPECT_TRUE(released);
+  });
+  released = true;
+  first.reset();
+  second.join();
+}
+
+TEST(MutexAutoLock, locksAndUnlocksByHandToo) {
+  const std::string name = uniqueName();
+  MutexAutoLock lock(name);
+  Mutex& base = lock;
+  base.unlock();
+  EXPECT_EQ(tryLock(name), platform::kWaitObject);
+  EXPECT_EQ(base.lock(0), platform::kWaitObject);
+}
+
+TEST(MutexAutoLock, withoutAHandleItDoesNotWait) {
+  const MutexAutoLock lock(keltop::impossibleName());
+  EXPECT_EQ(lock.handle(), platform::ObjectHandle::none);
+}
+
+}  // namespace
+}  // namespace SEMAPHORE
