@@ -15,7 +15,7 @@ constexpr std::uint32_t kLong = 20'000;
 
 class Recorder : public WorkStack<int> {
  public:
-  int pushes = 0;
+  std::atomic<int> pushes = 0;
   std::vector<int> removals;
 
  protected:
