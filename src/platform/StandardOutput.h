@@ -13,8 +13,8 @@ namespace keltop::platform {
 /// run-time library's text mode writes "\n" as "\r\n".
 [[nodiscard]] bool writeStandardOutput(std::string_view text) noexcept;
 
-/// From now on no write to standard output waits for its reader: what it does not take at once is dropped. For the end of
-/// the program, which a reader that has stopped reading must not hold up. Nothing to do on Windows.
+/// From now on no write to standard output waits for its reader: what it does not take at once is dropped. For the end
+/// of the program, which a reader that has stopped reading must not hold up. Nothing to do on Windows.
 void stopWaitingForOutput() noexcept;
 
 /// Writes `text` to standard error, for what is wrong with the program's own use.
