@@ -72,7 +72,7 @@ class ZBase {
 
   std::int32_t lastError_ = 0;
   std::string lastErrorText_;
-  void* socket_ = nullptr;  ///< the library's handle
+  void* socket_ = nullptr;                     ///< the library's handle
   std::int32_t receiveTimeout_ = kWithoutEnd;  ///< in force on the socket
   std::vector<char> receiveBuffer_;
 };
