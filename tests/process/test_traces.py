@@ -13,7 +13,7 @@ import time
 
 import pytest
 
-from conftest import (ECHOED_BANNER, ECHOED_STOP, LONG, START_BANNER, TIME_STAMP, eventually, free_port,
+from conftest import (Agents, ECHOED_BANNER, ECHOED_STOP, LONG, START_BANNER, TIME_STAMP, eventually, free_port,
                       without_trace)
 
 NOBODY = 65534
@@ -440,6 +440,34 @@ def test_a_killed_writer_changes_nothing_for_the_other(keltop, trace_agent, fast
     # Who dies between the copy and the truncation leaves the lines in both files.
     assert set(numbers) == set(range(written))
     print(f"{written} lines beside {deaths} deaths and {copies.taken} rotations")
+
+
+@linux_files
+def test_a_rotation_waits_for_the_other_processs_turn(keltop, trace_agent, request):
+    folder = os.path.dirname(live_path(keltop))
+    others = Agents(request.config.getoption("--agent"), keltop.objects)
+    try:
+        other = others.start()
+        turn, _ = other.obtain("create-mutex", "LOG1067")
+        assert other.wait(turn, 0) == 0
+        agent = trace_agent("steps")
+        with open(live_path(keltop), "wb") as file:
+            file.truncate(FULL)
+        agent.write("opens the file")
+        agent.tell("rotates it")
+        descriptors = f"/proc/{agent.process.pid}/fd"
+        # Waiting for a machine-wide object shows in what the process has open.
+        eventually(lambda: "anon_inode:inotify" in [os.readlink(os.path.join(descriptors, name))
+                                                    for name in os.listdir(descriptors)], what="the wait")
+        assert os.listdir(folder) == ["LOG1067.ltt"]
+        # The other process empties the file in its turn: there is nothing left to rotate then.
+        os.truncate(live_path(keltop), 0)
+        assert other.ask("release", turn).startswith("0")
+        assert agent.answer() == "done"
+    finally:
+        others.close()
+    assert os.listdir(folder) == ["LOG1067.ltt"]
+    assert texts(live(keltop)) == [b"rotates it"]
 
 
 # The order of static objects

@@ -3,12 +3,10 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include "platform/Identity.h"
-#include "semaphore/MutexAutoLock.h"
 #include "trace/FormatTrace.h"
 #include "trace/LogFile.h"
 #include "trace/ThreadLogData.h"
@@ -218,20 +216,6 @@ TEST_F(LogFileTest, aClosedFileIsNeitherRotatedNorArchived) {
   file_.checkSize();
   file_.changeDay();
   EXPECT_EQ(filesIn(traces()), (Names{"LOG1067-1.ltt", kLive}));
-}
-
-TEST_F(LogFileTest, aRotationWaitsForTheOtherProcesssTurn) {
-  makeLive(kFull);
-  file_.open();
-  std::thread rotation;
-  {
-    const SEMAPHORE::MutexAutoLock turn("LOG1067");
-    rotation = std::thread([this] { file_.checkSize(); });
-    // The other process empties the file in its turn; there is nothing left to rotate then.
-    fs::resize_file(trace(kLive), 0);
-  }
-  rotation.join();
-  EXPECT_EQ(filesIn(traces()), Names{kLive});
 }
 
 /// Copies that are there before a rotation, by age in seconds; what is left of them.
