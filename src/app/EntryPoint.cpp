@@ -3,6 +3,7 @@
 #include <Poco/Net/Net.h>
 
 #include <cstdint>
+#include <cstdlib>
 
 #include "app/HelpTexts.h"
 #include "app/ListenMode.h"
@@ -16,10 +17,31 @@
 #include "posts/PostRSI.h"
 #include "product/ConsoleStream.h"
 #include "product/SwitchMap.h"
+#include "product/Version.h"
+#include "trace/GlobalLogsControl.h"
+#include "trace/ProgramModule.h"
+#include "trace/StopTrace.h"
+#include "trace/WriteStartBanner.h"
 
 namespace keltop {
 
 namespace {
+
+constexpr std::uint8_t kRotate = 1;
+
+void startTrace() {
+  LogsControl* const control = globalLogsControl();
+  if (control == nullptr) {
+    return;
+  }
+  (void)control->registerModule(kRotate, kKeltopModule, {});
+  if (programModule == 0) {
+    programModule = kKeltopModule;
+    (void)std::atexit(stopTrace);
+  }
+  control->setEcho(true);
+  writeStartBanner(kTraceVersion);
+}
 
 void greet() {
   ConsoleStream console;
@@ -59,6 +81,7 @@ int dispatch(const SwitchMap& switches) {
 int run(int count, const char* const* arguments) {
   platform::prepareProcess();
   Poco::Net::initializeNetwork();
+  startTrace();
   greet();
   platform::setErrorMode(platform::kErrorModeNoBoxes);
   SwitchMap switches;

@@ -39,14 +39,6 @@ Options:
 
 """
 
-TRACE_LINE = re.compile(rb"LOG1067 \d{4}/\d\d/\d\d-\d\d:\d\d:\d\d:\d{3} "
-                        rb"KELTOP - Built on Jan 15 2024 Version: 8\.0\.26\r\n")
-
-
-def without_trace(output):
-    """The output without the trace line of the start, which another thread prints whenever it gets to it."""
-    return TRACE_LINE.sub(b"", output, count=1)
-
 
 def listening_on(port):
     """What a listener shows next; the number as it was asked for."""
@@ -57,6 +49,24 @@ def pytest_addoption(parser):
     parser.addoption("--keltop", default="build/release/keltop", help="the command that starts the program")
     parser.addoption("--agent", default="build/release/keltop_object_agent",
                      help="the command that starts a process that uses machine-wide objects")
+    parser.addoption("--trace-agent", default="build/release/keltop_trace_agent",
+                     help="the command that starts a process that traces; keltop_trace_order lies beside it")
+    parser.addoption("--flood-seconds", type=int, default=4,
+                     help="how long two processes write and rotate one trace file")
+    parser.addoption("--starts", type=int, default=100, help="how often the program is started and ended")
+
+
+TIME_STAMP = rb"\d{4}/\d\d/\d\d-\d\d:\d\d:\d\d:\d{3}"
+START_BANNER = rb"KELTOP - Built on Jan 15 2024 Version: 8\.0\.26"
+ECHOED_BANNER = re.compile(rb"LOG1067 " + TIME_STAMP + rb" " + START_BANNER + rb"\r\n")
+STOP_LINE = b"LOG1067  \r\n"
+ECHOED_STOP = re.compile(STOP_LINE)
+
+
+def without_trace(output):
+    """The output without the two trace lines that every run echoes, wherever they came between the others: the start
+    banner and, when the program ended by itself, the empty line that the end of the trace leaves."""
+    return ECHOED_STOP.sub(b"", ECHOED_BANNER.sub(b"", output, count=1), count=1)
 
 
 def free_port():

@@ -6,14 +6,14 @@ import socket
 import struct
 import threading
 
-from conftest import LONG
+from conftest import LONG, without_trace
 
 BANNER_END = b"Perform a test room status post. Run with -h for options.\n\n"
 
 
 def after_banner(output):
-    """What the program printed after the banner and the options."""
-    return output.split(BANNER_END, 1)[1]
+    """What the program printed after the banner and the options, without its traces."""
+    return without_trace(output).split(BANNER_END, 1)[1]
 
 
 def exchange_of(done):

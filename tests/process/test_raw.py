@@ -411,10 +411,11 @@ def test_resets_before_a_connection_is_served_harm_nothing(raw):
 
 
 def exchange_after(raw):
-    """The listener still listens and shows."""
-    for _ in range(WORKERS + 1):
+    """The listener still listens and shows. What it has to say of other peers may come in between."""
+    for number in range(WORKERS + 1):
         peer = raw.peer()
         ends = disconnected(peer)
-        peer.sendall(b"after")
+        peer.sendall(b"<after %d>" % number)
         peer.close()
-        raw.running.wait_for(b"after" + ends)
+        raw.running.wait_for(b"<after %d>" % number)
+        raw.running.wait_for(ends)
