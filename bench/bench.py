@@ -44,8 +44,9 @@ def until(condition, limit=20):
 
 
 class Bench:
-    def __init__(self, build, folder):
+    def __init__(self, build, windows, folder):
         self.build = build
+        self.windows = windows
         self.folder = folder
         self.env = {**os.environ, "KELTOP_OBJECT_DIR": folder, "KELTOP_DATA_LOCATION": folder}
         os.makedirs(os.path.join(folder, "TRACELOGS"), exist_ok=True)
@@ -239,6 +240,31 @@ http {{
                                 ("XML elements built and written", "buildAndWriteOwnTree", "buildAndWriteTinyTree")):
             self.ratio(what, list(zip(speeds[own], speeds[tiny])), "TinyXML2", None, "1/s")
 
+    # The Windows build, under Wine
+
+    def under_wine(self, rounds, seconds):
+        if not self.windows:
+            self.row("Windows build", "not built", "scripts/build-windows.sh")
+            return
+        foreign = ["wine", self.windows]
+        self.seconds([*foreign, "-h"])  # Wine itself has started
+        pairs = [tuple(1000 * self.seconds(c) for c in ([*foreign, "-h"], self.keltop("-h"))) for _ in range(rounds)]
+        self.ratio("Windows build: start to exit, -h", pairs, "Linux build", None, "ms", at_most=True)
+        ports = free_port(), free_port()
+        servers = [self.start([*command, "-p", str(port)], os.path.join(self.folder, f"{port}.out"))
+                   for command, port in zip((foreign, self.keltop()), ports)]
+        try:
+            for port in ports:
+                until(lambda: answers(port))
+            for connections in (1, 8, 64):
+                pairs = [tuple(self.requests_per_second(port, connections, seconds) for port in ports)
+                         for _ in range(max(3, rounds // 6))]
+                what = f"Windows build: HTTP requests, {connections} connection{'s' if connections > 1 else ''}"
+                self.ratio(what, pairs, "Linux build", None, "1/s")
+        finally:
+            for server in servers:
+                self.stop(server)
+
     # What must not grow
 
     @staticmethod
@@ -299,16 +325,18 @@ http {{
 def main():
     options = argparse.ArgumentParser(description=__doc__)
     options.add_argument("--build", required=True, help="the folder of the built programs")
+    options.add_argument("--windows", help="the program for Windows, where it has been built")
     options.add_argument("--quick", action="store_true", help="shorter rounds, for trying the benchmark itself")
-    options.add_argument("only", nargs="*", help="http, raw, start, posts, xml or growth; all without")
+    options.add_argument("only", nargs="*", help="http, raw, start, posts, xml, windows or growth; all without")
     given = options.parse_args()
     with tempfile.TemporaryDirectory(prefix="keltop-bench-") as folder:
-        bench = Bench(given.build, folder)
+        bench = Bench(given.build, given.windows, folder)
         parts = {"http": lambda: bench.http(3 if given.quick else 5, 1 if given.quick else 4),
                  "raw": lambda: bench.raw(1 if given.quick else 5, 20),
                  "start": lambda: bench.start_up(5 if given.quick else 31),
                  "posts": lambda: bench.posts(5 if given.quick else 31),
                  "xml": lambda: bench.xml(3 if given.quick else 11),
+                 "windows": lambda: bench.under_wine(5 if given.quick else 31, 1 if given.quick else 4),
                  "growth": bench.growth}
         for name, part in parts.items():
             if not given.only or name in given.only:

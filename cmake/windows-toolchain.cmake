@@ -10,8 +10,16 @@ set(CMAKE_CXX_COMPILER ${triplet}-g++-posix)
 set(CMAKE_RC_COMPILER ${triplet}-windres)
 set(CMAKE_MC_COMPILER ${triplet}-windmc)
 
-# Headers and libraries for this machine's own programs are never the ones wanted.
-set(CMAKE_FIND_ROOT_PATH /usr/${triplet})
+# The libraries are those that scripts/windows-libraries.sh has built; this machine's own are never the ones wanted.
+if(DEFINED ENV{KELTOP_WINDOWS_CACHE})
+  set(libraries $ENV{KELTOP_WINDOWS_CACHE}/current)
+elseif(DEFINED ENV{XDG_CACHE_HOME})
+  set(libraries $ENV{XDG_CACHE_HOME}/keltop-windows/current)
+else()
+  set(libraries $ENV{HOME}/.cache/keltop-windows/current)
+endif()
+file(GLOB CMAKE_PREFIX_PATH ${libraries}/*)
+set(CMAKE_FIND_ROOT_PATH /usr/${triplet} ${libraries})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)

@@ -38,6 +38,23 @@ KELTOP_CHECK_PACKAGES=(
   "g++-mingw-w64-x86-64-posix:compiles the Windows sources"
 )
 
+# What building for Windows needs.
+KELTOP_WINDOWS_PACKAGES=(
+  "g++-mingw-w64-x86-64-posix:the compiler for Windows"
+  "cmake:the build system"
+  "ninja-build:runs the build"
+  "dpkg-dev:unpacks the libraries' source packages"
+  "perl:configures the TLS library"
+  "make:builds the TLS library"
+  "pkg-config:finds libraries"
+)
+
+# What testing that build needs besides.
+KELTOP_WINE_PACKAGES=(
+  "wine:runs Windows programs"
+  "wine64:runs 64-bit Windows programs"
+)
+
 # What the benchmarks need besides.
 KELTOP_BENCH_PACKAGES=(
   "libbenchmark-dev:micro-benchmarks"

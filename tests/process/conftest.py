@@ -20,6 +20,8 @@ import tty
 
 import pytest
 
+import wine
+
 LONG = 20.0  # seconds that a thing may take on a busy machine before it counts as not happening
 
 # What every run shows first. The program's own "\r\n" come as they are, its line ends as "\n".
@@ -67,6 +69,23 @@ def without_trace(output):
     """The output without the two trace lines that every run echoes, wherever they came between the others: the start
     banner and, when the program ended by itself, the empty line that the end of the trace leaves."""
     return ECHOED_STOP.sub(b"", ECHOED_BANNER.sub(b"", output, count=1), count=1)
+
+
+def is_windows(config):
+    return config.getoption("--keltop").endswith(".exe")
+
+
+@pytest.fixture(scope="session", autouse=True)
+def wine_prefix(request):
+    """A prefix of this worker's own; programs inherit it."""
+    if not is_windows(request.config):
+        yield
+        return
+    os.environ["WINEPREFIX"] = prefix = wine.make_prefix(os.environ["WINEPREFIX"])
+    try:
+        yield
+    finally:
+        wine.remove_prefix(prefix)
 
 
 def free_port():

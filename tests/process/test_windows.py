@@ -1,0 +1,106 @@
+"""What only the Windows build has: the program file, the console system's events, the system's own shutdown event."""
+
+import os
+import re
+import subprocess
+
+import pytest
+
+from conftest import LONG, eventually, free_port, is_listening
+
+pytestmark = pytest.mark.skipif("not config.getoption('--keltop').endswith('.exe')",
+                                reason="about the program for Windows")
+
+CTRL_C, CTRL_BREAK, CLOSED, LOG_OFF, SYSTEM_SHUTDOWN = 0, 1, 2, 5, 6
+
+# What every Windows 10 has in its system folder.
+SYSTEM_LIBRARIES = {"advapi32.dll", "bcrypt.dll", "crypt32.dll", "gdi32.dll", "iphlpapi.dll", "kernel32.dll",
+                    "msvcrt.dll", "ole32.dll", "shell32.dll", "user32.dll", "ws2_32.dll"}
+
+
+def headers(keltop):
+    return subprocess.run(["x86_64-w64-mingw32-objdump", "-p", keltop.command[-1]], stdout=subprocess.PIPE,
+                          check=True).stdout.decode()
+
+
+# The program file
+
+
+def test_it_needs_nothing_that_windows_does_not_have(keltop):
+    imported = {name.lower() for name in re.findall(r"DLL Name: (\S+)", headers(keltop))}
+    assert imported and imported <= SYSTEM_LIBRARIES
+
+
+def test_it_holds_no_path_of_the_machine_that_built_it(keltop):
+    with open(keltop.command[-1], "rb") as file:
+        program = file.read()
+    for folder in (os.path.expanduser("~").encode(), os.getcwd().encode(), b"/usr/share", b"keltop-windows"):
+        assert folder not in program, folder
+
+
+def test_the_file_tells_its_version_and_asks_for_nothing(keltop):
+    with open(keltop.command[-1], "rb") as file:
+        program = file.read()
+    for text in ("FileVersion\0\0008.0.26.0", "ProductVersion\0008.0.26", "Vantrel Corporation"):
+        assert text.encode("utf-16-le") in program, text
+    assert b'level="asInvoker"' in program
+    assert b"activeCodePage" not in program
+
+
+# Ending
+
+
+class Hosted:
+    """The program, run by the console host, which tells it of console events."""
+
+    def __init__(self, keltop):
+        self.port = free_port()
+        host = [*keltop.command[:-1], os.path.join(os.path.dirname(keltop.command[-1]), "keltop_console_host.exe")]
+        program = "Z:" + keltop.command[-1].replace("/", "\\")
+        self.process = subprocess.Popen([*host, f"{program} -p {self.port}"], env=keltop.env, stdin=subprocess.PIPE,
+                                        stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+        eventually(lambda: is_listening(self.port), what="listening")
+
+    def tell(self, control):
+        self.process.stdin.write(b"%d\n" % control)
+        self.process.stdin.flush()
+
+    def code(self):
+        _, error = self.process.communicate(timeout=LONG)
+        return int(re.search(rb"ended (\d+)", error)[1])
+
+
+@pytest.mark.parametrize("control", [CTRL_C, CLOSED])
+def test_ctrl_c_and_a_closed_console_end_every_listener_in_good_order(keltop, control):
+    told = Hosted(keltop)
+    other, _ = keltop.listen("-raw")
+    told.tell(control)
+    assert told.code() == 0
+    assert other.wait() == 0
+
+
+@pytest.mark.parametrize("control", [CTRL_BREAK, LOG_OFF, SYSTEM_SHUTDOWN])
+def test_other_console_events_end_only_the_process_they_are_told_to(keltop, agents, control):
+    told = Hosted(keltop)
+    other, port = keltop.listen()
+    event, _ = agents.start().obtain("open-event", "KELTOP_SHUTDOWN")
+    assert event != "0"
+    told.tell(control)
+    told.code()
+    assert other.process.poll() is None and is_listening(port)
+    assert agents._started[0].wait(event, 0) == 258  # not set
+
+
+def test_any_process_can_end_every_listener_by_the_event(keltop, agents):
+    listeners = [keltop.listen()[0], keltop.listen("-raw")[0]]
+    setter = agents.start()
+    event, _ = setter.obtain("open-event", "KELTOP_SHUTDOWN")
+    assert setter.ask("set", event) == "0"
+    assert [listener.wait() for listener in listeners] == [0, 0]
+
+
+def test_a_listener_started_while_the_event_is_set_stops_at_once(keltop, agents):
+    setter = agents.start()
+    event, _ = setter.obtain("create-event", "KELTOP_SHUTDOWN")
+    assert setter.ask("set", event) == "0"
+    assert keltop.run("-p", str(free_port()), timeout=LONG).returncode == 0
