@@ -4,6 +4,7 @@ Each ratio is the median of pairs taken one right after the other, so that what 
 """
 
 import argparse
+import json
 import os
 import re
 import signal
@@ -180,6 +181,65 @@ class Bench:
         self.row("start to first answered request", f"{middle:.1f} ms", f"worst of {rounds}: {max(times):.1f} ms",
                  "<= 100 ms", middle <= 100)
 
+    # Posts
+
+    def nginx(self, plain, secure):
+        """A web server that answers every post, on two ports."""
+        def path(name):
+            return os.path.join(self.folder, name)
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "1", "-subj",
+                        "/CN=localhost", "-keyout", path("key.pem"), "-out", path("certificate.pem")],
+                       stderr=subprocess.DEVNULL, check=True)
+        with open(path("nginx.conf"), "w", encoding="ascii") as file:
+            file.write(f"""daemon off; pid {path('nginx.pid')}; error_log {path('nginx.log')}; worker_processes 1;
+events {{}}
+http {{
+  access_log off;
+  client_body_temp_path {path('b')}; proxy_temp_path {path('p')}; fastcgi_temp_path {path('f')};
+  uwsgi_temp_path {path('u')}; scgi_temp_path {path('s')};
+  server {{
+    listen 127.0.0.1:{plain};
+    listen 127.0.0.1:{secure} ssl;
+    ssl_certificate {path('certificate.pem')};
+    ssl_certificate_key {path('key.pem')};
+    location / {{ return 200 "taken"; }}
+  }}
+}}
+""")
+        return self.start(["nginx", "-p", self.folder, "-c", path("nginx.conf"), "-e", path("nginx.log")])
+
+    def posts(self, rounds):
+        plain, secure = free_port(), free_port()
+        server = self.nginx(plain, secure)
+        body = os.path.join(self.folder, "body.json")
+        try:
+            until(lambda: answers(plain))
+            shown = subprocess.run(self.keltop("-rsi", "json", "-url", f"http://127.0.0.1:{plain}/rsi"), env=self.env,
+                                   stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, check=True).stdout
+            with open(body, "wb") as file:
+                file.write(re.search(rb"\r\n\r\n(\{.*?\n\})", shown, re.S)[1])
+            for name, url in (("HTTP", f"http://127.0.0.1:{plain}/rsi/"), ("HTTPS", f"https://127.0.0.1:{secure}/rsi/")):
+                curl = ["curl", "-s", "-k", "-H", "Content-Type: application/json", "--data-binary", f"@{body}", url]
+                pairs = [(1000 * self.seconds(self.keltop("-rsi", "json", "-url", url)), 1000 * self.seconds(curl))
+                         for _ in range(rounds)]
+                self.ratio(f"one JSON post by {name}, whole process", pairs, "curl, same bytes", None, "ms", at_most=True)
+        finally:
+            self.stop(server)
+
+    # XML
+
+    def xml(self, rounds):
+        done = subprocess.run([os.path.join(self.build, "XmlElementBench"), f"--benchmark_repetitions={rounds}",
+                               "--benchmark_enable_random_interleaving=true", "--benchmark_format=json"],
+                              stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, check=True)
+        speeds = {}
+        for run in json.loads(done.stdout)["benchmarks"]:
+            if run["run_type"] == "iteration":
+                speeds.setdefault(run["run_name"], []).append(run["items_per_second"])
+        for what, own, tiny in (("XML elements written", "writeOwnTree", "writeTinyTree"),
+                                ("XML elements built and written", "buildAndWriteOwnTree", "buildAndWriteTinyTree")):
+            self.ratio(what, list(zip(speeds[own], speeds[tiny])), "TinyXML2", None, "1/s")
+
     # The Windows build, under Wine
 
     def under_wine(self, rounds, seconds):
@@ -267,13 +327,15 @@ def main():
     options.add_argument("--build", required=True, help="the folder of the built programs")
     options.add_argument("--windows", help="the program for Windows, where it has been built")
     options.add_argument("--quick", action="store_true", help="shorter rounds, for trying the benchmark itself")
-    options.add_argument("only", nargs="*", help="http, raw, start, windows or growth; all without")
+    options.add_argument("only", nargs="*", help="http, raw, start, posts, xml, windows or growth; all without")
     given = options.parse_args()
     with tempfile.TemporaryDirectory(prefix="keltop-bench-") as folder:
         bench = Bench(given.build, given.windows, folder)
         parts = {"http": lambda: bench.http(3 if given.quick else 5, 1 if given.quick else 4),
                  "raw": lambda: bench.raw(1 if given.quick else 5, 20),
                  "start": lambda: bench.start_up(5 if given.quick else 31),
+                 "posts": lambda: bench.posts(5 if given.quick else 31),
+                 "xml": lambda: bench.xml(3 if given.quick else 11),
                  "windows": lambda: bench.under_wine(5 if given.quick else 31, 1 if given.quick else 4),
                  "growth": bench.growth}
         for name, part in parts.items():

@@ -3,6 +3,7 @@
 #include <Poco/Net/Net.h>
 
 #include <cstdint>
+#include <cstdlib>
 
 #include "app/HelpTexts.h"
 #include "app/ListenMode.h"
@@ -12,13 +13,35 @@
 #include "platform/ErrorMode.h"
 #include "platform/KeyPress.h"
 #include "platform/Process.h"
-#include "platform/StandardOutput.h"
+#include "posts/PostISI.h"
+#include "posts/PostRSI.h"
 #include "product/ConsoleStream.h"
 #include "product/SwitchMap.h"
+#include "product/Version.h"
+#include "trace/GlobalLogsControl.h"
+#include "trace/ProgramModule.h"
+#include "trace/StopTrace.h"
+#include "trace/WriteStartBanner.h"
 
 namespace keltop {
 
 namespace {
+
+constexpr std::uint8_t kRotate = 1;
+
+void startTrace() {
+  LogsControl* const control = globalLogsControl();
+  if (control == nullptr) {
+    return;
+  }
+  (void)control->registerModule(kRotate, kKeltopModule, {});
+  if (programModule == 0) {
+    programModule = kKeltopModule;
+    (void)std::atexit(stopTrace);
+  }
+  control->setEcho(true);
+  writeStartBanner(kTraceVersion);
+}
 
 void greet() {
   ConsoleStream console;
@@ -36,11 +59,6 @@ int help(bool waitForKey) {
   return 0;
 }
 
-int notYet(std::string_view what) {
-  platform::writeStandardError(std::string(what).append(" is not part of this build yet.\n"));
-  return 1;
-}
-
 int dispatch(const SwitchMap& switches) {
   if (switches.empty() || findSwitch(switches, "H") != nullptr || findSwitch(switches, "?") != nullptr) {
     return help(switches.empty());
@@ -48,10 +66,12 @@ int dispatch(const SwitchMap& switches) {
   platform::addConsoleControlHandler(handleConsoleControl);
   createShutdownEvent();
   if (findSwitch(switches, "RSI") != nullptr) {
-    return notYet("The room status post");
+    PostRSI(switches);
+    return 0;
   }
   if (findSwitch(switches, "ISI") != nullptr) {
-    return notYet("The inventory post");
+    PostISI(switches);
+    return 0;
   }
   return listen(switches);
 }
@@ -61,6 +81,7 @@ int dispatch(const SwitchMap& switches) {
 int run(int count, const char* const* arguments) {
   platform::prepareProcess();
   Poco::Net::initializeNetwork();
+  startTrace();
   greet();
   platform::setErrorMode(platform::kErrorModeNoBoxes);
   SwitchMap switches;

@@ -25,6 +25,7 @@
 #include "semaphore/EventSemaphore.h"
 #include "servers/RawPacketConnectionFactory.h"
 #include "servers/RestRequestHandlerFactory.h"
+#include "trace/StopTrace.h"
 
 namespace keltop {
 
@@ -107,6 +108,7 @@ int listen(const SwitchMap& switches) {
   platform::stopWaitingForOutput();
   if (!finished) {
     // The library's thread pool would wait up to 10 s for each connection that somebody keeps open.
+    stopTrace();
     platform::endProcess(0);
   }
   return 0;

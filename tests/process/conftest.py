@@ -3,20 +3,48 @@
 --keltop names the command that starts it, so that the same tests run any build of it.
 """
 
+import contextlib
+import fcntl
 import os
+import pty
+import re
 import shlex
 import signal
 import socket
 import subprocess
 import tempfile
+import termios
 import threading
 import time
+import tty
 
 import pytest
 
 import wine
 
 LONG = 20.0  # seconds that a thing may take on a busy machine before it counts as not happening
+
+# What every run shows first. The program's own "\r\n" come as they are, its line ends as "\n".
+HEAD = b"""\
+KELTOP.EXE - 8.0.26.0 Built: Jan 15 2024\r
+Vantrel Corporation\r
+Copyright (c) 2024 Vantrel Corporation. All rights reserved.\r
+\r
+Web services test application.
+\r
+Options: 
+-h or -?  Expanded help.
+-p        Port number to use.
+-raw      Read raw TCP traffic. No response will be sent.
+-isi      Perform a test inventory post. Run with -h for options.
+-rsi      Perform a test room status post. Run with -h for options.
+
+"""
+
+
+def listening_on(port):
+    """What a listener shows next; the number as it was asked for."""
+    return b"Press Ctrl-C to stop.\nListening on: %d\r\n\n" % port
 
 
 def pytest_addoption(parser):
@@ -25,6 +53,24 @@ def pytest_addoption(parser):
                      help="the command that starts a process that uses machine-wide objects")
     parser.addoption("--reference", default="build/release/keltop",
                      help="the Linux build, for comparing the Windows build with it")
+    parser.addoption("--trace-agent", default="build/release/keltop_trace_agent",
+                     help="the command that starts a process that traces; keltop_trace_order lies beside it")
+    parser.addoption("--flood-seconds", type=int, default=4,
+                     help="how long two processes write and rotate one trace file")
+    parser.addoption("--starts", type=int, default=100, help="how often the program is started and ended")
+
+
+TIME_STAMP = rb"\d{4}/\d\d/\d\d-\d\d:\d\d:\d\d:\d{3}"
+START_BANNER = rb"KELTOP - Built on Jan 15 2024 Version: 8\.0\.26"
+ECHOED_BANNER = re.compile(rb"LOG1067 " + TIME_STAMP + rb" " + START_BANNER + rb"\r\n")
+STOP_LINE = b"LOG1067  \r\n"
+ECHOED_STOP = re.compile(STOP_LINE)
+
+
+def without_trace(output):
+    """The output without the two trace lines that every run echoes, wherever they came between the others: the start
+    banner and, when the program ended by itself, the empty line that the end of the trace leaves."""
+    return ECHOED_STOP.sub(b"", ECHOED_BANNER.sub(b"", output, count=1), count=1)
 
 
 def is_windows(config):
@@ -63,37 +109,91 @@ def eventually(condition, timeout=LONG, what="condition"):
         time.sleep(0.002)
 
 
-class Running:
-    """A started program whose standard output is collected as it comes."""
+class Output:
+    """What is written to the other end of a file descriptor, collected as it comes."""
 
-    def __init__(self, command, env, text_mode, **options):
+    def __init__(self, descriptor, text_mode):
+        self._descriptor = descriptor
         self._text_mode = text_mode
-        self._output = bytearray()
+        self._bytes = bytearray()
         self._changed = threading.Condition()
-        self.process = subprocess.Popen(command, env=env, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                        stderr=subprocess.PIPE, **options)
+        self._stopped = False
         self._reader = threading.Thread(target=self._read, daemon=True)
         self._reader.start()
 
     def _read(self):
-        while chunk := os.read(self.process.stdout.fileno(), 1 << 16):
-            with self._changed:
-                self._output += chunk
-                self._changed.notify_all()
+        with contextlib.suppress(OSError):  # how a terminal ends
+            while not self._stopped and (chunk := os.read(self._descriptor, 1 << 16)):
+                with self._changed:
+                    self._bytes += chunk
+                    self._changed.notify_all()
+
+    @property
+    def size(self):
+        """How many bytes have come, as they came."""
+        return len(self._bytes)
+
+    def tail(self, count):
+        """The last bytes, as they came."""
+        return bytes(self._bytes[-count:])
 
     @property
     def output(self):
         with self._changed:
-            return self._text_mode(bytes(self._output))
+            return self._text_mode(bytes(self._bytes))
 
     def wait_for(self, text, timeout=LONG, start=0):
         """Waits until the output holds text from position start on; gives the output."""
         deadline = time.monotonic() + timeout
         with self._changed:
-            while text not in self._text_mode(bytes(self._output))[start:]:
+            while text not in self._text_mode(bytes(self._bytes))[start:]:
                 if not self._changed.wait(deadline - time.monotonic()):
-                    raise AssertionError(f"no {text!r} within {timeout} s in {bytes(self._output)[-2000:]!r}")
-            return self._text_mode(bytes(self._output))
+                    raise AssertionError(f"no {text!r} within {timeout} s in {bytes(self._bytes)[-2000:]!r}")
+            return self._text_mode(bytes(self._bytes))
+
+    def wait_for_size(self, size, timeout=LONG):
+        with self._changed:
+            assert self._changed.wait_for(lambda: len(self._bytes) >= size, timeout), f"{len(self._bytes)} of {size}"
+
+    def wait_for_end(self, timeout=LONG):
+        self._reader.join(timeout)
+
+    def stop(self, wake):
+        """Collects no more; wake() makes some more output come."""
+        self._stopped = True
+        wake()
+        self.wait_for_end()
+
+
+class Running:
+    """A started program. Its standard output is collected unless it is led somewhere else."""
+
+    def __init__(self, command, env, text_mode, **options):
+        self.process = subprocess.Popen(command, env=env, **{"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE,
+                                                             "stderr": subprocess.PIPE, **options})
+        piped = self.process.stdout is not None
+        self._collected = Output(self.process.stdout.fileno(), text_mode) if piped else None
+
+    @property
+    def is_collected(self):
+        return self._collected is not None
+
+    @property
+    def size(self):
+        return self._collected.size
+
+    def tail(self, count):
+        return self._collected.tail(count)
+
+    @property
+    def output(self):
+        return self._collected.output
+
+    def wait_for(self, text, **limits):
+        return self._collected.wait_for(text, **limits)
+
+    def wait_for_size(self, size, **limits):
+        self._collected.wait_for_size(size, **limits)
 
     def send_signal(self, number):
         self.process.send_signal(number)
@@ -101,7 +201,8 @@ class Running:
     def wait(self, timeout=LONG):
         """Waits for the end; gives the exit code. All output has been collected then."""
         code = self.process.wait(timeout)
-        self._reader.join(timeout)
+        if self._collected:
+            self._collected.wait_for_end(timeout)
         return code
 
     def interrupt(self, timeout=LONG):
@@ -147,18 +248,33 @@ class Keltop:
     def listen(self, *switches, **options):
         """Starts a listener on a free port and waits until it accepts; gives it and the port."""
         port = free_port()
+        return self.listen_on(port, *switches, **options), port
+
+    def listen_on(self, port, *switches, **options):
+        """Starts a listener on the port and waits until it accepts."""
         running = self.start("-p", str(port), *switches, **options)
-        running.wait_for(b"Listening on: ")
+        if running.is_collected:
+            running.wait_for(b"Listening on: ")
         eventually(lambda: is_listening(port) or running.process.poll() is not None, what="listening")
-        return running, port
+        return running
+
+    def end(self, running):
+        """Ends a listener whose whole output is wanted; gives the output without the trace line."""
+        if self.windows:
+            running.process.kill()
+            running.wait()
+        else:
+            assert running.interrupt() == 0
+        return without_trace(running.output)
 
     def close(self):
         for running in self._started:
             if running.process.poll() is None:
                 running.process.kill()
             running.process.wait()
-            running.process.stdout.close()
-            running.process.stderr.close()
+            for stream in (running.process.stdout, running.process.stderr):
+                if stream:
+                    stream.close()
 
 
 def is_listening(port):
@@ -241,8 +357,60 @@ class Agents:
 def agents(request):
     with tempfile.TemporaryDirectory(prefix="keltop-objects-") as folder:
         os.chmod(folder, 0o1777)
-        made = Agents(request.config.getoption("--agent"), folder)
-        try:
+        with contextlib.closing(Agents(request.config.getoption("--agent"), folder)) as made:
             yield made
-        finally:
-            made.close()
+
+
+@pytest.fixture
+def neighbours(request, keltop):
+    """Agents on the machine that the program runs on: they share its machine-wide objects."""
+    with contextlib.closing(Agents(request.config.getoption("--agent"), keltop.objects)) as made:
+        yield made
+
+
+class Terminal:
+    """A terminal with the program in its foreground."""
+
+    def __init__(self):
+        self.keyboard, self.side = pty.openpty()
+        self.screen = Output(self.keyboard, lambda shown: shown)
+
+    def start(self, program, *switches, **options):
+        return program.start(*switches, **self._streams(**options))
+
+    def listen(self, program, *switches, **options):
+        return program.listen(*switches, **self._streams(**options))
+
+    def _streams(self, **options):
+        return {"stdin": self.side, "stdout": self.side, "start_new_session": True,
+                "preexec_fn": lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0), **options}
+
+    @property
+    def settings(self):
+        return termios.tcgetattr(self.side)
+
+    @property
+    def echoes(self):
+        return bool(self.settings[3] & termios.ECHO)
+
+    def type(self, keys):
+        os.write(self.keyboard, keys)
+
+    def hang_up(self):
+        """Closes the window; nothing is shown from here on."""
+        if self.side is not None:
+            keyboard, side = self.keyboard, self.side
+            self.keyboard = self.side = None
+            tty.setraw(side, termios.TCSANOW)  # a screen that was stopped goes on
+            self.screen.stop(lambda: os.write(side, b"\n"))
+            os.close(side)
+            os.close(keyboard)
+
+
+@pytest.fixture
+def terminal():
+    made = Terminal()
+    try:
+        yield made
+    finally:
+        made.hang_up()

@@ -6,6 +6,7 @@ import subprocess
 
 import pytest
 
+import wine
 from conftest import LONG, eventually, free_port, is_listening
 
 pytestmark = pytest.mark.skipif("not config.getoption('--keltop').endswith('.exe')",
@@ -56,7 +57,7 @@ class Hosted:
     def __init__(self, keltop):
         self.port = free_port()
         host = [*keltop.command[:-1], os.path.join(os.path.dirname(keltop.command[-1]), "keltop_console_host.exe")]
-        program = "Z:" + keltop.command[-1].replace("/", "\\")
+        program = wine.windows_path(keltop.command[-1])
         self.process = subprocess.Popen([*host, f"{program} -p {self.port}"], env=keltop.env, stdin=subprocess.PIPE,
                                         stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
         eventually(lambda: is_listening(self.port), what="listening")

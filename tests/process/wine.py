@@ -32,3 +32,14 @@ def remove_prefix(prefix):
     """Ends what runs in the prefix, Wine's own processes with it."""
     subprocess.run(["wineserver", "-k", "-w"], env={**os.environ, "WINEPREFIX": prefix}, check=False)
     shutil.rmtree(os.path.dirname(prefix), ignore_errors=True)
+
+
+def set_data_location(folder):
+    """What the installation would have set; where the program looks for the folder of its traces."""
+    subprocess.run(["wine", "reg", "add", r"HKLM\Software\Microsoft\Windows\CurrentVersion\Uninstall\tarvik", "/v",
+                    "DataLocation", "/d", windows_path(folder), "/f", "/reg:32"], stdin=subprocess.DEVNULL,
+                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=True)
+
+
+def windows_path(path):
+    return "Z:" + os.path.abspath(path).replace("/", "\\")

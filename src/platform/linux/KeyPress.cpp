@@ -12,8 +12,10 @@ void waitForKey() noexcept {
   const bool terminal = ::tcgetattr(STDIN_FILENO, &before) == 0;
   if (terminal) {
     termios single = before;
-    // Ctrl-C is a key like any other here, so that no key leaves the terminal without its echo.
-    single.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO | ISIG);
+    // Every key counts here, also those that the terminal would act on, such as Ctrl-C and Ctrl-S; so none leaves the
+    // terminal without its echo.
+    single.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO | ISIG | IEXTEN);
+    single.c_iflag &= ~static_cast<tcflag_t>(IXON);
     single.c_cc[VMIN] = 1;
     single.c_cc[VTIME] = 0;
     (void)::tcsetattr(STDIN_FILENO, TCSANOW, &single);

@@ -1,0 +1,214 @@
+#include "platform/Files.h"
+
+#include <fcntl.h>
+#include <sys/sendfile.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <filesystem>
+#include <system_error>
+#include <thread>
+
+#include "platform/linux/FileDescriptor.h"
+#include "platform/linux/NameMatch.h"
+
+namespace keltop::platform {
+
+namespace {
+
+/// Read and write for all; the account's umask narrows it.
+constexpr mode_t kFileMode = 0666;
+constexpr mode_t kFolderMode = 0777;
+
+/// The bytes of an open file that are locked; they lie past any content. The locks end with their process.
+enum class LockByte : std::int64_t {
+  append = 0x7FFF'FFFF'0000'0000,  ///< exclusive: somebody writes, or copies and truncates
+  use = 0x7FFF'FFFF'0000'0001,     ///< shared: somebody has the file open for appending
+};
+
+/// Whoever holds back the writers longer is stopped; its file must not stop everybody else.
+constexpr auto kGatePatience = std::chrono::seconds(2);
+constexpr auto kGateRetry = std::chrono::microseconds(100);
+
+struct flock lockOf(LockByte byte, short type) noexcept {
+  struct flock lock = {};
+  lock.l_type = type;
+  lock.l_whence = SEEK_SET;
+  lock.l_start = static_cast<off_t>(byte);
+  lock.l_len = 1;
+  return lock;
+}
+
+bool setLock(int file, LockByte byte, short type) noexcept {
+  struct flock lock = lockOf(byte, type);
+  return ::fcntl(file, F_OFD_SETLK, &lock) == 0;
+}
+
+bool holdGate(int file) noexcept {
+  if (setLock(file, LockByte::append, F_WRLCK)) {
+    return true;
+  }
+  const auto deadline = std::chrono::steady_clock::now() + kGatePatience;
+  while (errno == EAGAIN || errno == EACCES) {
+    if (std::chrono::steady_clock::now() >= deadline) {
+      return false;
+    }
+    std::this_thread::sleep_for(kGateRetry);
+    if (setLock(file, LockByte::append, F_WRLCK)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+bool openForAppending(const std::string& path) noexcept {
+  // Without O_NONBLOCK a pipe under the name would hang the opener.
+  const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  struct flock lock = lockOf(LockByte::use, F_WRLCK);
+  return file.valid() && ::fcntl(file.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+}
+
+/// The text up to where the disk was full, which is taken off again unless somebody has written past it.
+void takeBack(FileHandle file, ssize_t written) noexcept {
+  struct stat status = {};
+  if (const off_t end = ::lseek(file, 0, SEEK_CUR);
+      written > 0 && ::fstat(file, &status) == 0 && status.st_size == end) {
+    (void)::ftruncate(file, end - written);
+  }
+}
+
+bool copyContent(int from, int to) noexcept {
+  constexpr std::size_t kPiece = std::size_t{1} << 30U;
+  for (;;) {
+    const ssize_t copied = ::sendfile(to, from, nullptr, kPiece);
+    if (copied == 0) {
+      return true;
+    }
+    if (copied < 0 && errno != EINTR) {
+      return false;
+    }
+  }
+}
+
+bool copyWriteTime(int from, int to) noexcept {
+  struct stat status = {};
+  if (::fstat(from, &status) != 0) {
+    return false;
+  }
+  const std::array<timespec, 2> times = {timespec{0, UTIME_NOW}, status.st_mtim};
+  return ::futimens(to, times.data()) == 0;
+}
+
+}  // namespace
+
+bool probeFile(const std::string& path) noexcept {
+  // Nothing here denies others the writing; those who write take turns by the gate.
+  return FileDescriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)).valid();
+}
+
+FileHandle openSharedAppend(const std::string& path) noexcept {
+  const FileHandle file =
+      ::open(path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, kFileMode);
+  struct stat status = {};
+  // A pipe or a device in the file's place could hang the writer.
+  if (file != kNoFile && (::fstat(file, &status) != 0 || !S_ISREG(status.st_mode))) {
+    (void)::close(file);
+    return kNoFile;
+  }
+  if (file != kNoFile) {
+    (void)setLock(file, LockByte::use, F_RDLCK);
+  }
+  return file;
+}
+
+bool appendToFile(FileHandle file, std::string_view text) noexcept {
+  const AppendGate gate(file);
+  struct stat status = {};
+  if (::fstat(file, &status) != 0 || status.st_nlink == 0) {
+    return false;  // deleted while open: what is written now nobody would ever read
+  }
+  const ssize_t written = ::write(file, text.data(), text.size());
+  if (written == static_cast<ssize_t>(text.size())) {
+    return true;
+  }
+  takeBack(file, written);
+  return false;
+}
+
+bool commitFile(FileHandle file) noexcept {
+  return ::fsync(file) == 0;
+}
+
+bool closeFile(FileHandle file) noexcept {
+  return ::close(file) == 0;
+}
+
+std::int64_t tellFile(FileHandle file) noexcept {
+  struct stat status = {};
+  const off_t position = ::lseek(file, 0, SEEK_CUR);
+  return position < 0 || ::fstat(file, &status) != 0 ? -1 : std::min<std::int64_t>(position, status.st_size);
+}
+
+bool truncateFile(FileHandle file, std::int64_t size) noexcept {
+  return ::ftruncate(file, size) == 0;
+}
+
+AppendGate::AppendGate(FileHandle file) noexcept : file_(file), held_(holdGate(file)) {}
+
+AppendGate::~AppendGate() {
+  if (held_) {
+    (void)setLock(file_, LockByte::append, F_UNLCK);
+  }
+}
+
+bool copyFile(const std::string& from, const std::string& to) noexcept {
+  const FileDescriptor source(::open(from.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  if (!source.valid()) {
+    return false;
+  }
+  const FileDescriptor target(::open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, kFileMode));
+  if (!target.valid()) {
+    return false;
+  }
+  if (copyContent(source.get(), target.get()) && copyWriteTime(source.get(), target.get())) {
+    return true;
+  }
+  (void)::unlink(to.c_str());
+  return false;
+}
+
+bool removeFile(const std::string& path) noexcept {
+  return !openForAppending(path) && ::unlink(path.c_str()) == 0;
+}
+
+bool pathExists(const std::string& path) noexcept {
+  return ::access(path.c_str(), F_OK) == 0;
+}
+
+bool makeFolder(const std::string& path) noexcept {
+  return ::mkdir(path.c_str(), kFolderMode) == 0;
+}
+
+std::vector<FoundFile> findFiles(const std::string& folder, const std::string& pattern) {
+  std::vector<FoundFile> found;
+  std::error_code error;
+  for (std::filesystem::directory_iterator entry(folder, error), end; !error && entry != end; entry.increment(error)) {
+    FoundFile file = {.name = entry->path().filename().string()};
+    struct stat status = {};
+    if (nameMatches(file.name, pattern) && ::stat(entry->path().c_str(), &status) == 0 && !S_ISDIR(status.st_mode)) {
+      file.created = status.st_ctim.tv_sec;
+      file.accessed = status.st_atim.tv_sec;
+      file.written = status.st_mtim.tv_sec;
+      file.size = static_cast<std::uint32_t>(status.st_size);
+      found.push_back(std::move(file));
+    }
+  }
+  std::sort(found.begin(), found.end(), [](const FoundFile& a, const FoundFile& b) { return a.name < b.name; });
+  return found;
+}
+
+}  // namespace keltop::platform

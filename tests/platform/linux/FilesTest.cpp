@@ -1,0 +1,43 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "platform/Files.h"
+#include "support/TemporaryFolder.h"
+
+namespace keltop::platform {
+namespace {
+
+namespace fs = std::filesystem;
+
+TEST(LinuxFiles, aFileDeletedWhileOpenTakesNothingMore) {
+  const TemporaryFolder folder;
+  const FileHandle file = openSharedAppend(folder / "a");
+  EXPECT_TRUE(appendToFile(file, "x"));
+  ASSERT_EQ(::unlink((folder / "a").c_str()), 0);
+  EXPECT_FALSE(appendToFile(file, "y"));
+  closeFile(file);
+}
+
+TEST(LinuxFiles, aPipeInTheFilesPlaceIsNotOpened) {
+  const TemporaryFolder folder;
+  ASSERT_EQ(::mkfifo((folder / "a").c_str(), 0600), 0);
+  EXPECT_EQ(openSharedAppend(folder / "a"), kNoFile);
+  EXPECT_TRUE(removeFile(folder / "a"));
+}
+
+TEST(LinuxFiles, aDanglingLinkIsFollowedOnceItsFolderIsThere) {
+  const TemporaryFolder folder;
+  fs::create_symlink(folder / "other/a", folder / "a");
+  EXPECT_EQ(openSharedAppend(folder / "a"), kNoFile);
+  fs::create_directory(folder / "other");
+  const FileHandle file = openSharedAppend(folder / "a");
+  EXPECT_TRUE(appendToFile(file, "x"));
+  EXPECT_EQ(contentOf(folder / "other/a"), "x");
+  closeFile(file);
+}
+
+}  // namespace
+}  // namespace keltop::platform

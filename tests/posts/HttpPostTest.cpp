@@ -1,0 +1,240 @@
+#include <Poco/Exception.h>
+#include <Poco/Net/NetException.h>
+#include <Poco/Net/ServerSocket.h>
+#include <Poco/Net/SocketAddress.h>
+#include <Poco/Net/StreamSocket.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <future>
+#include <sstream>
+#include <stdexcept>
+#include <streambuf>
+#include <string>
+
+#include "posts/HttpPost.h"
+
+namespace keltop {
+namespace {
+
+using Poco::Net::HTTPClientSession;
+using Poco::Net::HTTPRequest;
+using Poco::Net::HTTPResponse;
+using namespace std::chrono_literals;
+
+/// What the steps of the exchange do, and what was asked of them.
+struct Script {
+  std::function<void()> onOpen = [] {};
+  std::function<void()> onSend = [] {};
+  std::function<void(HTTPResponse&)> onReceive = [](HTTPResponse&) {};
+  std::string responseBody = "answer";
+
+  Poco::Timespan timeout = 0;
+  std::ostringstream sentBody;
+};
+
+Script* current = nullptr;
+
+class ScriptedSession : public HTTPClientSession {
+ public:
+  std::ostream& sendRequest(HTTPRequest& /*request*/) override {
+    current->timeout = getTimeout();
+    current->onSend();
+    return current->sentBody;
+  }
+  std::istream& receiveResponse(HTTPResponse& response) override {
+    current->onReceive(response);
+    stream_.str(current->responseBody);
+    return stream_;
+  }
+
+ private:
+  std::istringstream stream_;
+};
+
+std::unique_ptr<HTTPClientSession> openScripted(const std::string& /*host*/, std::uint16_t /*port*/) {
+  current->onOpen();
+  return std::make_unique<ScriptedSession>();
+}
+
+/// What the console shows of one post, from the first thing after the request on.
+std::string consoleOf(HttpWay way, Script& script) {
+  way.openSession = openScripted;
+  way.showRequest = [](std::ostream& console, const HTTPRequest& /*request*/, const std::string& body) {
+    console << "[" << body << "]";
+    return true;
+  };
+  current = &script;
+  const std::string body = "the body";
+  const Posting posting = {.host = "h", .port = 1, .path = "/p/", .contentType = "t", .userAgent = "a", .body = body};
+  testing::internal::CaptureStdout();
+  postHttp(way, posting);
+  return testing::internal::GetCapturedStdout();
+}
+
+void answer(HTTPResponse& response) {
+  response.setVersion(HTTPResponse::HTTP_1_1);
+  response.setStatusAndReason(HTTPResponse::HTTP_NOT_FOUND, "Gone Fishing");
+  response.set("Zeta", "1");
+  response.set("Alpha", "2");
+}
+
+TEST(HttpPost, sendsTheBodyAndPrintsTheResponse) {
+  Script script;
+  script.onReceive = answer;
+  EXPECT_EQ(consoleOf(kPlainHttp, script),
+            "[the body]\r\nReceived response\nHTTP/1.1 Gone Fishing 404\r\nZeta: 1\r\nAlpha: 2\r\n\r\nanswer\r\n");
+  EXPECT_EQ(script.sentBody.str(), "the body");
+}
+
+TEST(HttpPost, printsOneLineEndMoreAfterTheHeadOfASecureResponse) {
+  Script script;
+  script.onReceive = answer;
+  EXPECT_EQ(consoleOf(kHttps, script),
+            "[the body]\r\nReceived:\r\nHTTP/1.1 Gone Fishing 404\r\nZeta: 1\r\nAlpha: 2\r\n\r\n\r\nanswer\r\n");
+}
+
+TEST(HttpPost, waitsTwoMinutes) {
+  Script script;
+  (void)consoleOf(kPlainHttp, script);
+  EXPECT_EQ(script.timeout.totalSeconds(), 120);
+}
+
+TEST(HttpPost, reportsAFailureOfTheWayBeforeTheResponse) {
+  Script script;
+  script.onSend = [] { throw Poco::Net::ConnectionRefusedException("why"); };
+  EXPECT_EQ(consoleOf(kPlainHttp, script), "[the body]Post(1286) Error: Connection refused: why\n");
+  EXPECT_EQ(consoleOf(kHttps, script), "[the body]Post(1192) Error: Connection refused: why\n");
+  script.onSend = [] { throw Poco::TimeoutException("why"); };
+  EXPECT_EQ(consoleOf(kPlainHttp, script), "[the body]Post(1286) Error: Timeout: why\n");
+  EXPECT_EQ(consoleOf(kHttps, script), "[the body]Post(1192) Error: Timeout: why\n");
+  script.onOpen = [] { throw Poco::Net::NetException("why"); };
+  EXPECT_EQ(consoleOf(kPlainHttp, script), "Post(1286) Error: Net Exception: why\n");
+  EXPECT_EQ(consoleOf(kHttps, script), "Post(1192) Error: Net Exception: why\n");
+}
+
+TEST(HttpPost, reportsAFailureToReadTheResponse) {
+  Script script;
+  script.onReceive = [](HTTPResponse&) { throw Poco::TimeoutException("why"); };
+  EXPECT_EQ(consoleOf(kPlainHttp, script), "[the body]Post(1257) Read timeout: Timeout: why\n");
+  EXPECT_EQ(consoleOf(kHttps, script), "[the body]Post(1163) Read timeout: Timeout: why\n");
+  script.onReceive = [](HTTPResponse&) { throw Poco::Net::MessageException("why"); };
+  EXPECT_EQ(consoleOf(kPlainHttp, script), "[the body]Post(1261) Read error: Malformed message: why\n");
+  EXPECT_EQ(consoleOf(kHttps, script), "[the body]Post(1167) Read error: Malformed message: why\n");
+}
+
+/// What the console shows of a post to a peer that accepts, sends `answer` and then stalls.
+std::string consoleOfStalledPost(const HttpWay& way, const std::string& answer) {
+  Poco::Net::ServerSocket listening(Poco::Net::SocketAddress("127.0.0.1", 0));
+  std::promise<void> done;
+  std::future<void> peer = std::async(std::launch::async, [&] {
+    Poco::Net::StreamSocket connection = listening.acceptConnection();
+    connection.sendBytes(answer.data(), static_cast<int>(answer.size()));
+    done.get_future().wait();
+  });
+  const std::string body = "the body";
+  const Posting posting = {.host = "127.0.0.1",
+                           .port = listening.address().port(),
+                           .path = "/p/",
+                           .contentType = "t",
+                           .userAgent = "a",
+                           .body = body};
+  testing::internal::CaptureStdout();
+  postHttp(way, posting, 100ms);
+  done.set_value();
+  peer.get();
+  const std::string console = testing::internal::GetCapturedStdout();
+  return console.substr(console.find(body) + body.size());
+}
+
+TEST(HttpPost, doesNotWaitForEverForAPeerThatStalls) {
+  EXPECT_EQ(consoleOfStalledPost(kPlainHttp, ""), "Post(1257) Read timeout: Timeout\n");
+  EXPECT_EQ(consoleOfStalledPost(kPlainHttp, "HTTP/1.1 200 OK\r\nContent-"), "Post(1257) Read timeout: Timeout\n");
+}
+
+/// The library's stream ends, without an exception, at the last whole piece that came before the stall.
+TEST(HttpPost, showsTheWholePiecesOfABodyThatStalls) {
+  const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 9999\r\n\r\n";
+  const std::string title = "\r\nReceived response\nHTTP/1.1 OK 200\r\nContent-Length: 9999\r\n\r\n";
+  EXPECT_EQ(consoleOfStalledPost(kPlainHttp, head + "abc"), title + "\r\n");
+  EXPECT_EQ(consoleOfStalledPost(kPlainHttp, head + std::string(8195, 'x')), title + std::string(8192, 'x') + "\r\n");
+}
+
+/// The library notices a handshake that did not come about when it reads.
+TEST(HttpPost, doesNotWaitForEverForAHandshakeThatStalls) {
+  EXPECT_EQ(consoleOfStalledPost(kHttps, ""), "\nPost(1163) Read timeout: Timeout\n");
+}
+
+TEST(HttpPost, catchesOnlyTheLibrarysExceptions) {
+  Script script;
+  script.onReceive = [](HTTPResponse&) { throw std::runtime_error("why"); };
+  EXPECT_THROW((void)consoleOf(kPlainHttp, script), std::runtime_error);
+  (void)testing::internal::GetCapturedStdout();
+}
+
+/// Output that fails at one piece of text, and works before it.
+class FailingBuffer : public std::streambuf {
+ public:
+  explicit FailingBuffer(std::string failAt) : failAt_(std::move(failAt)) {}
+  [[nodiscard]] const std::string& shown() const noexcept { return shown_; }
+
+ private:
+  std::streamsize xsputn(const char* text, std::streamsize length) override {
+    const std::string piece(text, static_cast<std::size_t>(length));
+    if (piece == failAt_) {
+      throw Poco::IOException("why");
+    }
+    shown_ += piece;
+    return length;
+  }
+  int_type overflow(int_type character) override {
+    shown_.push_back(traits_type::to_char_type(character));
+    return character;
+  }
+
+  std::string failAt_;
+  std::string shown_;
+};
+
+TEST(HttpPost, reportsAFailureToPrintTheResponse) {
+  for (const auto& [way, site] : {std::pair(&kPlainHttp, "1281"), std::pair(&kHttps, "1187")}) {
+    FailingBuffer output("answer");
+    std::ostream console(&output);
+    console.exceptions(std::ios::badbit);
+    HTTPResponse response;
+    answer(response);
+    testing::internal::CaptureStdout();
+    showResponse(console, *way, response, "answer");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "\r\nResponse code: 404 Gone Fishing\nPost(" + std::string(site) + ") Error: I/O error: why\n");
+  }
+}
+
+TEST(HttpPost, reportsAFailureToPrintTheRequest) {
+  FailingBuffer output("the body");
+  std::ostream console(&output);
+  console.exceptions(std::ios::badbit);
+  HTTPRequest request(HTTPRequest::HTTP_POST, "/p/", HTTPRequest::HTTP_1_1);
+  request.set("User-Agent", "a");
+  testing::internal::CaptureStdout();
+  EXPECT_FALSE(kPlainHttp.showRequest(console, request, "the body"));
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Post(1240) Read error: I/O error: why\n");
+  EXPECT_EQ(output.shown(), "Sending request\nPOST /p/ HTTP/1.1\r\nUser-Agent: a\r\n\r\n");
+}
+
+TEST(HttpPost, sendsNothingWhenTheRequestCannotBeShown) {
+  Script script;
+  current = &script;
+  HttpWay way = kPlainHttp;
+  way.openSession = openScripted;
+  way.showRequest = [](std::ostream&, const HTTPRequest&, const std::string&) { return false; };
+  const std::string body = "the body";
+  testing::internal::CaptureStdout();
+  postHttp(way, {.host = "h", .port = 1, .path = "/", .contentType = "t", .userAgent = "a", .body = body});
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  EXPECT_EQ(script.sentBody.str(), "");
+}
+
+}  // namespace
+}  // namespace keltop

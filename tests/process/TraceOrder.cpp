@@ -1,0 +1,47 @@
+// Traces from static objects that are made before the program's controller and destroyed after it, and the other way
+// round.
+
+#include <string>
+#include <string_view>
+
+#include "trace/StopTrace.h"
+#include "trace/TraceWrite.h"
+
+namespace keltop {
+namespace {
+
+/// Traces when it is made, so that the controller, if there is none yet, is made inside, and when it is destroyed.
+class TracesTwice {
+ public:
+  explicit TracesTwice(std::string_view name) : name_(name) { traceWrite(0, 0, name_, "made "); }
+  ~TracesTwice() { traceWrite(0, 0, name_, "destroyed "); }
+  TracesTwice(const TracesTwice&) = delete;
+  TracesTwice& operator=(const TracesTwice&) = delete;
+
+ private:
+  std::string name_;
+};
+
+/// Destroyed after everything that was made later, the controller too.
+class TracesLate {
+ public:
+  TracesLate() = default;
+  ~TracesLate() { traceWrite(0, 0, "much too late"); }
+  TracesLate(const TracesLate&) = delete;
+  TracesLate& operator=(const TracesLate&) = delete;
+};
+
+const TracesLate late;
+const TracesTwice early("early");
+
+}  // namespace
+}  // namespace keltop
+
+int main(int count, char** /*arguments*/) {
+  static const keltop::TracesTwice inMain("in main");
+  if (count > 1) {
+    keltop::stopTrace();
+    keltop::traceWrite(0, 0, "after the stop");
+  }
+  return 0;
+}

@@ -1,0 +1,264 @@
+"""Posts by HTTPS to openssl's and nginx's servers, with certificates that nobody should trust."""
+
+import os
+import re
+import socket
+import subprocess
+
+import pytest
+
+from conftest import STOP_LINE, eventually, free_port, is_listening, without_trace
+from peers import Peer, after_banner, exchange_of, masked
+from test_posts_http import measured_run
+
+PAYLOAD_END = b'"lname": "Talbeck"\n      }\n    }\n  }\n}'
+ANSWER = b"HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nhi"
+ANSWER_PRINTED = b"\n\r\nReceived:\r\nHTTP/1.1 OK 200\r\nContent-Length: 2\r\n\r\n\r\nhi\r\n"
+
+CERTIFICATES = {
+    "self-signed": ("127.0.0.1", "20200101000000Z", "20990101000000Z"),
+    "expired": ("127.0.0.1", "20200101000000Z", "20210101000000Z"),
+    "not yet valid": ("127.0.0.1", "20980101000000Z", "20990101000000Z"),
+    "another host's": ("elsewhere.example", "20200101000000Z", "20990101000000Z"),
+}
+
+
+def openssl(*arguments):
+    subprocess.run(["openssl", *arguments], check=True, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                   stderr=subprocess.DEVNULL, timeout=60)
+
+
+@pytest.fixture(scope="session")
+def certificates(tmp_path_factory):
+    """The files (certificate, key) by kind, all signed by themselves."""
+    folder = tmp_path_factory.mktemp("certificates")
+    key = folder / "key.pem"
+    openssl("genpkey", "-algorithm", "RSA", "-pkeyopt", "rsa_keygen_bits:2048", "-out", key)
+    made = {}
+    for number, (kind, (name, start, end)) in enumerate(CERTIFICATES.items()):
+        work = folder / str(number)
+        work.mkdir()
+        (work / "index").touch()
+        (work / "configuration").write_text(
+            f"[ca]\ndefault_ca=own\n[own]\ndatabase={work}/index\nrand_serial=yes\nnew_certs_dir={work}\n"
+            f"default_md=sha256\npolicy=any\n[any]\ncommonName=supplied\n")
+        openssl("req", "-new", "-key", key, "-subj", f"/CN={name}", "-out", work / "request")
+        openssl("ca", "-batch", "-config", work / "configuration", "-selfsign", "-keyfile", key, "-in",
+                work / "request", "-startdate", start, "-enddate", end, "-out", work / "certificate.pem")
+        made[kind] = (str(work / "certificate.pem"), str(key))
+    return made
+
+
+@pytest.fixture
+def serve(certificates):
+    """Starts openssl's server for one connection; what a test writes to its standard input goes to the client."""
+    started = []
+
+    def start(*options, certificate="self-signed"):
+        port = free_port()
+        file, key = certificates[certificate]
+        process = subprocess.Popen(["openssl", "s_server", "-quiet", "-naccept", "1", "-accept", f"127.0.0.1:{port}",
+                                    "-cert", file, "-key", key, *options], stdin=subprocess.PIPE,
+                                   stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        started.append(process)
+        eventually(lambda: is_listening(port) or process.poll() is not None, what="openssl listening")
+        return process, port
+
+    yield start
+    for process in started:
+        process.kill()
+        process.wait()
+        process.stdout.close()
+
+
+def received(process):
+    """The request as openssl's server decrypted it."""
+    text = bytearray()
+    while PAYLOAD_END not in text:
+        piece = os.read(process.stdout.fileno(), 65536)
+        assert piece, bytes(text)
+        text += piece
+    return bytes(text)
+
+
+def exchange(keltop, process, port, answer, path="/rsi"):
+    """Posts, answers with these bytes and ends the server's side; gives the request and the console."""
+    running = keltop.start("-rsi", "json", "-url", f"https://127.0.0.1:{port}{path}")
+    request = received(process)
+    process.stdin.write(answer)
+    process.stdin.close()
+    assert running.wait() == 0
+    return request, after_banner(running.output)
+
+
+@pytest.mark.parametrize("protocol", ["-tls1_2", "-tls1_3"])
+@pytest.mark.parametrize("certificate", CERTIFICATES)
+def test_any_certificate_will_do(keltop, serve, certificate, protocol):
+    process, port = serve(protocol, certificate=certificate)
+    request, console = exchange(keltop, process, port, ANSWER)
+    head, body = request.split(b"\r\n\r\n", 1)
+    lines = head.split(b"\r\n")
+    assert lines[0] == b"POST /rsi/ HTTP/1.1"
+    assert re.fullmatch(rb"Date: \d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ", lines[1])
+    assert lines[2:5] == [b"User-Agent: Vantrel/8.0.26 RSI/201", b"Content-Length: %d" % len(body),
+                          b"Content-Type: application/json"]
+    assert sorted(lines[5:]) == [b"Connection: Close", b"Host: 127.0.0.1:%d" % port]
+    assert console == b"Posting:\r\n" + body + ANSWER_PRINTED
+
+
+def test_transcript(keltop, serve):
+    process, port = serve()
+    _, console = exchange(keltop, process, port,
+                          b"HTTP/1.1 500 No coffee\r\nX-One: 1\r\nTransfer-Encoding: chunked\r\n\r\n4\r\nbody\r\n0\r\n\r\n")
+    assert masked(console) == (
+        b'Posting:\r\n'
+        b'{\n  "room_status": {\n    "room": {\n      "attempt": 1,\n      "code": 1,\n      "date": "DATE",\n'
+        b'      "description": "Coffee",\n      "room": "7101",\n      "time": "TIME",\n      "user": {\n'
+        b'        "fname": "Orvin",\n        "id": 1000,\n        "lname": "Talbeck"\n      }\n    }\n  }\n}\n'
+        b'\r\nReceived:\r\n'
+        b'HTTP/1.1 No coffee 500\r\nX-One: 1\r\nTransfer-Encoding: chunked\r\n\r\n\r\nbody\r\n')
+
+
+def test_closed_in_mid_answer_shows_what_came(keltop, serve):
+    process, port = serve()
+    _, console = exchange(keltop, process, port, b"HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabc")
+    assert console.endswith(b"\n\r\nReceived:\r\nHTTP/1.1 OK 200\r\nContent-Length: 10\r\n\r\n\r\nabc\r\n")
+
+
+def test_closed_without_an_answer(keltop, serve):
+    process, port = serve()
+    _, console = exchange(keltop, process, port, b"")
+    last = console[console.index(PAYLOAD_END) + len(PAYLOAD_END) + 1:]
+    assert last.startswith(b"Post(1167) Read error: ") and last.count(b"\n") == 1
+
+
+def test_cut_off_before_an_answer(keltop, serve):
+    process, port = serve()
+    running = keltop.start("-rsi", "json", "-url", f"https://127.0.0.1:{port}/")
+    received(process)
+    process.kill()  # without a farewell of TLS
+    assert running.wait() == 0
+    output = without_trace(running.output)
+    last = output[output.index(PAYLOAD_END) + len(PAYLOAD_END) + 1:]
+    assert last.startswith(b"Post(1167) Read error: ") and last.count(b"\n") == 1
+
+
+def test_garbage_for_an_answer(keltop, serve):
+    process, port = serve()
+    _, console = exchange(keltop, process, port, b"\x00\xff\x17garbage" * 1000)
+    last = console[console.index(PAYLOAD_END) + len(PAYLOAD_END) + 1:]
+    assert last.startswith(b"Post(1167) Read error: ") and last.count(b"\n") == 1
+
+
+def failure_of_the_way(keltop, url):
+    console = exchange_of(keltop.run("-rsi", "json", "-url", url))
+    assert console.startswith(b"Posting:\r\n{\n")
+    last = console[console.index(PAYLOAD_END) + len(PAYLOAD_END) + 1:]
+    assert last.startswith(b"Post(1192) Error: ") and last.count(b"\n") == 1, last
+    return last
+
+
+def test_only_an_old_protocol_offered(keltop, serve):
+    _, port = serve("-tls1", "-cipher", "ALL:@SECLEVEL=0")
+    assert b"SSL" in failure_of_the_way(keltop, f"https://127.0.0.1:{port}/")
+
+
+def test_only_anonymous_ciphers_offered(keltop, serve):
+    _, port = serve("-tls1_2", "-cipher", "ADH:@SECLEVEL=0")
+    assert b"SSL" in failure_of_the_way(keltop, f"https://127.0.0.1:{port}/")
+
+
+def test_a_plain_server_where_https_was_expected(keltop):
+    def serve_plain(_, connection):
+        assert connection.recv(65536).startswith(b"\x16\x03")  # the first record of a TLS handshake
+        connection.sendall(b"HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\n\r\n")
+
+    with Peer(serve_plain) as peer:
+        assert b"SSL" in failure_of_the_way(keltop, f"https://127.0.0.1:{peer.port}/")
+
+
+@pytest.mark.parametrize("scheme", ["ftp", "HTTPS", "x"])
+def test_another_fifth_character_goes_by_https(keltop, scheme):
+    def serve_plain(peer, connection):
+        peer.request = connection.recv(65536)
+
+    with Peer(serve_plain) as peer:
+        failure_of_the_way(keltop, f"{scheme}://127.0.0.1:{peer.port}/")
+    assert peer.request.startswith(b"\x16\x03")
+
+
+def test_refused(keltop):
+    with socket.socket() as bound:
+        bound.bind(("127.0.0.1", 0))  # taken, and not listening
+        port = bound.getsockname()[1]
+        assert failure_of_the_way(keltop, f"https://127.0.0.1:{port}/") == b"Post(1192) Error: Connection refused\n"
+
+
+def test_closes_in_the_handshake(keltop):
+    def serve_nothing(_, connection):
+        connection.recv(65536)
+
+    with Peer(serve_nothing) as peer:
+        failure_of_the_way(keltop, f"https://127.0.0.1:{peer.port}/")
+
+
+@pytest.fixture
+def nginx(keltop, certificates):
+    """Starts nginx with TLS in a folder of its own; gives its port."""
+    folder = os.path.join(keltop.folder, "nginx")
+    os.makedirs(os.path.join(folder, "files"))
+    started = []
+
+    def start(protocol):
+        port = free_port()
+        certificate, key = certificates["expired"]
+        with open(os.path.join(folder, "nginx.conf"), "w", encoding="ascii") as configuration:
+            configuration.write(f"""
+daemon off; master_process off; pid {folder}/pid; error_log {folder}/errors;
+events {{ }}
+http {{
+  access_log off; client_body_temp_path {folder}/bodies; proxy_temp_path {folder}/proxy;
+  fastcgi_temp_path {folder}/fastcgi; scgi_temp_path {folder}/scgi; uwsgi_temp_path {folder}/uwsgi;
+  server {{
+    listen 127.0.0.1:{port} ssl; ssl_certificate {certificate}; ssl_certificate_key {key}; ssl_protocols {protocol};
+    location /say/ {{ add_header X-Protocol $ssl_protocol; add_header X-Method $request_method; return 200 "said"; }}
+    location /files/ {{ alias {folder}/files/; index large; error_page 405 =200 /files/large; }}
+  }}
+}}""")
+        process = subprocess.Popen(["nginx", "-p", folder, "-c", os.path.join(folder, "nginx.conf")],
+                                   stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        started.append(process)
+        eventually(lambda: is_listening(port) or process.poll() is not None, what="nginx listening")
+        return port
+
+    yield start
+    for process in started:
+        process.terminate()
+        process.wait(60)
+
+
+@pytest.mark.parametrize("protocol", ["TLSv1.2", "TLSv1.3"])
+def test_nginx(keltop, nginx, protocol):
+    port = nginx(protocol)
+    console = exchange_of(keltop.run("-rsi", "json", "-url", f"https://127.0.0.1:{port}/say"))
+    head, body = console.split(b"\n\r\nReceived:\r\n", 1)[1].split(b"\r\n\r\n\r\n")
+    assert head.startswith(b"HTTP/1.1 OK 200\r\nServer: nginx/")
+    assert b"\r\nX-Protocol: %b\r\nX-Method: POST" % protocol.encode() in head
+    assert body == b"said\r\n"
+
+
+def test_a_response_of_100_megabytes(keltop, nginx):
+    size = 100 * 1024 * 1024
+    port = nginx("TLSv1.3")
+    pattern = bytes(range(256)) * 4096
+    with open(os.path.join(keltop.folder, "nginx", "files", "large"), "wb") as file:
+        for _ in range(size // len(pattern)):
+            file.write(pattern)
+    output = os.path.join(keltop.folder, "console")
+    assert measured_run(keltop, f"https://127.0.0.1:{port}/files", output) < 3 * size
+    with open(output, "rb") as console:
+        console.seek(-size - 2 - 6 - len(STOP_LINE), os.SEEK_END)
+        assert console.read(6) == b"\r\n\r\n\r\n"[-6:]
+        for _ in range(size // len(pattern)):
+            assert console.read(len(pattern)) == pattern
+        assert console.read() == b"\r\n" + STOP_LINE

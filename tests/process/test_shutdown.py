@@ -1,0 +1,422 @@
+"""How listeners end: the machine-wide shutdown event, signals, and sudden death."""
+
+import contextlib
+import fcntl
+import os
+import shutil
+import signal
+import socket
+import struct
+import termios
+import threading
+import time
+
+import pytest
+
+from conftest import HEAD, eventually, is_listening, listening_on, without_trace
+
+pytestmark = pytest.mark.skipif("config.getoption('--keltop').endswith('.exe')",
+                                reason="a Wine process gets no signals, and its shutdown event is everybody's")
+as_root = pytest.mark.skipif(os.geteuid() != 0, reason="only root can start a process as another account")
+
+BOUND = 5.0  # seconds that an end may take on a busy machine; it is meant to take less than one
+OBSERVED = 0.3  # seconds for which something is watched not to happen
+WORKERS = 16  # connections that are served at the same time
+OBJECT, TIMEOUT = 0, 258
+NOBODY = 65534
+RAW, HTTP = ["-raw"], []
+MODES = pytest.mark.parametrize("mode", [HTTP, RAW], ids=["http", "raw"])
+
+
+@contextlib.contextmanager
+def peers(port, count, sent=b"", receive_buffer=None):
+    with contextlib.ExitStack() as stack:
+        made = []
+        for _ in range(count):
+            peer = stack.enter_context(socket.socket())
+            if receive_buffer:
+                peer.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
+            peer.settimeout(20)
+            peer.connect(("127.0.0.1", port))
+            peer.sendall(sent)
+            made.append(peer)
+        yield made
+
+
+def all_read(port):
+    """Whether the listener has read everything that was sent to the port."""
+    with open("/proc/net/tcp", encoding="ascii") as table:
+        entries = [line.split() for line in list(table)[1:]]
+    return all(int(entry[4].split(":")[1], 16) == 0 for entry in entries
+               if entry[1].endswith(f":{port:04X}") and entry[3] == "01")
+
+
+def nothing(_http, _raw):
+    return contextlib.nullcontext()
+
+
+@contextlib.contextmanager
+def silent_raw_peers(_, raw):
+    running, port = raw
+    with peers(port, 64):
+        eventually(lambda: running.output.count(b"\r\nConnect from ") == WORKERS, what="every worker busy")
+        yield
+
+
+@contextlib.contextmanager
+def clients_stopped_in_the_body(http, _):
+    running, port = http
+    with peers(port, WORKERS, b"POST / HTTP/1.1\r\nHost: x\r\nContent-Length: 1000\r\n\r\n" + b"b" * 10):
+        eventually(lambda: running.output.count(b"Content-Length: 1000\n\n") == WORKERS, what="every worker busy")
+        yield
+
+
+@contextlib.contextmanager
+def clients_stopped_in_the_headers(http, _):
+    _, port = http
+    with peers(port, WORKERS, b"POST / HTTP/1.1\r\nHost:"):
+        eventually(lambda: all_read(port), what="every worker busy")
+        yield
+
+
+@contextlib.contextmanager
+def clients_that_never_read(http, _):
+    running, port = http
+    with peers(port, WORKERS, b"GET / HTTP/1.1\r\nHost: x\r\n\r\n" * 1000, receive_buffer=1):
+        eventually(lambda: running.output.count(b"\r\nResponse:\n") >= WORKERS, what="every client answered")
+        yield
+
+
+@contextlib.contextmanager
+def a_raw_peer_that_never_stops_sending(_, raw):
+    running, port = raw
+    with peers(port, 1) as (peer,):
+        def send():
+            with contextlib.suppress(OSError):
+                while True:
+                    peer.sendall(b"x" * 1000)
+
+        sender = threading.Thread(target=send)
+        sender.start()
+        running.wait_for_size(100_000)
+        yield
+        sender.join(20)
+        assert not sender.is_alive()
+
+
+LOADS = [nothing, silent_raw_peers, clients_stopped_in_the_body, clients_stopped_in_the_headers,
+         clients_that_never_read, a_raw_peer_that_never_stops_sending]
+
+
+class Event:
+    """The shutdown event as another process has it."""
+
+    def __init__(self, neighbours):
+        self._agent = neighbours.start()
+        self._handle, _ = self._agent.obtain("open-event", "KELTOP_SHUTDOWN")
+        assert self._handle != "0"
+
+    def set(self):
+        assert self._agent.ask("set", self._handle) == "0"
+
+    def is_set_within(self, seconds):
+        return self._agent.wait(self._handle, int(seconds * 1000)) == OBJECT
+
+    def close(self):
+        assert self._agent.ask("close", self._handle) == "0"
+
+
+def interrupt(_, listeners):
+    listeners[0][0].send_signal(signal.SIGINT)
+
+
+def close_window(_, listeners):
+    listeners[-1][0].send_signal(signal.SIGHUP)
+
+
+def set_event(event, _):
+    event.set()
+
+
+def assert_gone(listeners):
+    """No process of theirs and no listening port is left."""
+    for running, port in listeners:
+        assert not is_listening(port)
+        assert members(running.process.pid) == []
+
+
+def members(session):
+    """The processes of a session."""
+    found = []
+    for name in filter(str.isdigit, os.listdir("/proc")):
+        with contextlib.suppress(OSError), open(f"/proc/{name}/stat", encoding="ascii", errors="replace") as file:
+            if int(file.read().rsplit(")", 1)[1].split()[3]) == session:
+                found.append(int(name))
+    return found
+
+
+def wait_for_all(listeners):
+    """Waits for the end of all; gives their exit codes."""
+    deadline = time.monotonic() + 20
+    return [running.wait(deadline - time.monotonic()) for running, _ in listeners]
+
+
+def shows_and_answers(running, port, mode):
+    """Whether the listener does its work."""
+    with socket.create_connection(("127.0.0.1", port), 20) as peer:
+        if mode == RAW:
+            running.wait_for(b"\r\nConnect from 127.0.0.1:%d\n" % peer.getsockname()[1])
+            return True
+        peer.sendall(b"GET / HTTP/1.1\r\nHost: x\r\n\r\n")
+        return peer.recv(100).startswith(b"HTTP/1.1 200 OK")
+
+
+# Every listener of the machine ends
+
+
+@pytest.mark.parametrize("load", LOADS, ids=lambda load: load.__name__)
+@pytest.mark.parametrize("trigger", [interrupt, close_window, set_event], ids=lambda trigger: trigger.__name__)
+def test_every_listener_ends_at_once(keltop, neighbours, trigger, load):
+    listeners = [keltop.listen(*mode, start_new_session=True) for mode in (HTTP, RAW, HTTP, RAW)]
+    event = Event(neighbours)
+    with load(listeners[0], listeners[1]):
+        begin = time.monotonic()
+        trigger(event, listeners)
+        codes = wait_for_all(listeners)
+        spent = time.monotonic() - begin
+    print(f"{trigger.__name__}, {load.__name__}: {spent * 1000:.0f} ms")
+    assert codes == [0] * 4
+    assert spent < BOUND
+    assert_gone(listeners)
+    assert event.is_set_within(0)
+
+
+@MODES
+def test_the_end_adds_nothing_to_the_output(keltop, mode):
+    running, port = keltop.listen(*mode)
+    assert running.interrupt() == 0
+    assert without_trace(running.output) == HEAD + listening_on(port)
+    assert running.process.stderr.read() == b""
+
+
+@MODES
+def test_connections_end_with_the_listener(keltop, mode):
+    running, port = keltop.listen(*mode)
+    with peers(port, WORKERS + 4, b"x") as made:
+        assert running.interrupt() == 0
+        for peer in made:
+            with contextlib.suppress(ConnectionResetError):
+                assert peer.recv(1) == b""
+
+
+@MODES
+def test_ctrl_c_as_soon_as_it_is_offered_ends_it(keltop, mode):
+    for _ in range(20):
+        running = keltop.start("-p", "65536", *mode)
+        running.wait_for(b"Press Ctrl-C to stop.\n")
+        assert running.interrupt() == 0
+
+
+@MODES
+def test_ctrl_c_again_and_again(keltop, mode):
+    running, port = keltop.listen(*mode)
+    with peers(port, WORKERS):
+        for _ in range(200):
+            running.send_signal(signal.SIGINT)
+        assert running.wait() == 0
+
+
+@MODES
+def test_ctrl_c_and_window_closed_together(keltop, mode):
+    running, _ = keltop.listen(*mode)
+    running.send_signal(signal.SIGHUP)
+    running.send_signal(signal.SIGINT)
+    assert running.wait() == 0
+
+
+@as_root
+def test_listeners_of_other_accounts_end_too(keltop):
+    os.chmod(keltop.objects, 0o1777)
+    copy = os.path.join(keltop.folder, "keltop")  # the build may lie in a home folder
+    shutil.copy(keltop.command[-1], copy)
+    os.chmod(copy, 0o755)
+    keltop.command = [copy]
+    nobody = {"user": NOBODY, "group": NOBODY, "extra_groups": []}
+    for first, second in (({}, nobody), (nobody, {})):
+        listeners = [keltop.listen(**first), keltop.listen(*RAW, **second)]
+        listeners[1][0].send_signal(signal.SIGINT)
+        assert wait_for_all(listeners) == [0, 0]
+
+
+# A terminal
+
+
+@MODES
+def test_ctrl_c_on_the_terminal(keltop, terminal, mode):
+    running, port = terminal.listen(keltop, *mode)
+    other, _ = keltop.listen()
+    terminal.type(b"\x03")
+    assert [running.wait(), other.wait()] == [0, 0]
+    assert not is_listening(port)
+
+
+@MODES
+def test_closing_the_window(keltop, terminal, mode):
+    running, port = terminal.listen(keltop, *mode)
+    other, _ = keltop.listen()
+    terminal.hang_up()
+    assert [running.wait(), other.wait()] == [0, 0]
+    assert not is_listening(port)
+
+
+@MODES
+def test_the_break_key_ends_only_its_own_listener(keltop, neighbours, terminal, mode):
+    running, _ = terminal.listen(keltop, *mode)
+    other, port = keltop.listen(*mode)
+    event = Event(neighbours)
+    terminal.type(b"\x1c")
+    assert running.wait() == -signal.SIGQUIT
+    assert not event.is_set_within(OBSERVED)
+    assert shows_and_answers(other, port, mode)
+
+
+# Other signals
+
+
+@MODES
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGQUIT], ids=lambda number: number.name)
+def test_other_signals_end_only_the_process_they_are_sent_to(keltop, neighbours, mode, number):
+    listeners = [keltop.listen(*mode, start_new_session=True) for _ in range(2)]
+    (running, port), (other, other_port) = listeners
+    event = Event(neighbours)
+    with peers(port, 3):
+        running.send_signal(number)
+        assert running.wait() == -number
+    assert_gone(listeners[:1])
+    assert not event.is_set_within(OBSERVED)
+    assert shows_and_answers(other, other_port, mode)
+    assert other.interrupt() == 0
+
+
+@MODES
+def test_a_closed_window_is_ignored_when_it_was_so_at_the_start(keltop, neighbours, mode):
+    keltop.command = ["nohup", *keltop.command]
+    running, port = keltop.listen(*mode)
+    event = Event(neighbours)
+    running.send_signal(signal.SIGHUP)
+    assert not event.is_set_within(OBSERVED)
+    assert running.process.poll() is None
+    assert shows_and_answers(running, port, mode)
+    assert running.interrupt() == 0
+
+
+@MODES
+def test_ctrl_c_ends_it_even_when_it_was_ignored_at_the_start(keltop, mode):
+    keltop.command = ["env", "--ignore-signal=INT", *keltop.command]
+    running, _ = keltop.listen(*mode)
+    assert running.interrupt() == 0
+
+
+# What is left
+
+
+@MODES
+def test_after_a_stop_the_next_start_listens_on_the_same_port(keltop, mode):
+    running, port = keltop.listen(*mode)
+    with peers(port, 3, b"x"):
+        assert running.interrupt() == 0
+        again = keltop.listen_on(port, *mode)
+        assert shows_and_answers(again, port, mode)
+        assert again.interrupt() == 0
+
+
+@MODES
+def test_a_killed_listener_leaves_nothing_behind(keltop, mode):
+    running, port = keltop.listen(*mode, start_new_session=True)
+    with peers(port, 3, b"x"):
+        running.process.kill()
+        assert running.wait() == -signal.SIGKILL
+        assert_gone([(running, port)])
+        again = keltop.listen_on(port, *mode)
+        assert shows_and_answers(again, port, mode)
+        assert again.interrupt() == 0
+
+
+@MODES
+def test_a_listener_killed_while_the_event_was_set_leaves_nothing_behind(keltop, neighbours, mode):
+    running, port = keltop.listen(*mode)
+    event = Event(neighbours)
+    running.send_signal(signal.SIGSTOP)
+    event.set()
+    event.close()
+    running.process.kill()
+    running.wait()
+    again = keltop.listen_on(port, *mode)
+    assert not Event(neighbours).is_set_within(OBSERVED)
+    assert shows_and_answers(again, port, mode)
+    assert again.interrupt() == 0
+
+
+def test_one_of_two_listeners_killed_leaves_the_other_to_be_stopped(keltop, neighbours):
+    (killed, _), (other, port) = keltop.listen(), keltop.listen(*RAW)
+    killed.process.kill()
+    killed.wait()
+    assert shows_and_answers(other, port, RAW)
+    Event(neighbours).set()
+    assert other.wait() == 0
+
+
+@MODES
+def test_a_start_while_the_event_is_set_ends_at_once(keltop, neighbours, mode):
+    first, port = keltop.listen()
+    event = Event(neighbours)
+    assert first.interrupt() == 0
+    begin = time.monotonic()
+    done = keltop.run("-p", str(port), *mode, timeout=20)
+    print(f"start and end while the event is set: {(time.monotonic() - begin) * 1000:.0f} ms")
+    assert (without_trace(done.stdout), done.returncode) == (HEAD + listening_on(port), 0)
+    assert not is_listening(port)
+    event.close()
+    again = keltop.listen_on(port, *mode)
+    assert shows_and_answers(again, port, mode)
+
+
+@MODES
+def test_an_event_that_somebody_else_made_is_the_same(keltop, neighbours, mode):
+    agent = neighbours.start()
+    handle, error = agent.obtain("create-event", "KELTOP_SHUTDOWN")
+    assert error == 0
+    running, port = keltop.listen(*mode)
+    assert shows_and_answers(running, port, mode)
+    assert agent.ask("set", handle) == "0"
+    assert running.wait() == 0
+
+
+# Output that nobody reads
+
+
+@MODES
+@pytest.mark.parametrize("trigger", [interrupt, close_window, set_event], ids=lambda trigger: trigger.__name__)
+def test_a_blocked_output_does_not_keep_it(keltop, neighbours, mode, trigger):
+    unread, output = os.pipe()
+    try:
+        size = fcntl.fcntl(output, 1031, 1 << 14)  # F_SETPIPE_SZ
+        running, port = keltop.listen(*mode, stdout=output, start_new_session=True)
+        event = Event(neighbours)
+        sent = b"x" * 2 * size
+        if mode == HTTP:
+            sent = b"POST / HTTP/1.1\r\nContent-Length: %d\r\n\r\n" % len(sent) + sent
+        with peers(port, WORKERS, sent):
+            eventually(lambda: unread_bytes(unread) > size - 4096, what="a full pipe")
+            begin = time.monotonic()
+            trigger(event, [(running, port)])
+            assert running.wait() == 0
+            print(f"{trigger.__name__}, blocked output: {(time.monotonic() - begin) * 1000:.0f} ms")
+        assert_gone([(running, port)])
+    finally:
+        os.close(output)
+        os.close(unread)
+
+
+def unread_bytes(pipe):
+    return struct.unpack("i", fcntl.ioctl(pipe, termios.FIONREAD, bytes(4)))[0]

@@ -1,0 +1,488 @@
+"""Trace files, written by real processes."""
+
+import os
+import random
+import re
+import shlex
+import signal
+import socket
+import subprocess
+import tempfile
+import threading
+import time
+
+import pytest
+
+from conftest import (Agents, ECHOED_BANNER, ECHOED_STOP, LONG, START_BANNER, TIME_STAMP, eventually, free_port,
+                      without_trace)
+
+NOBODY = 65534
+FULL = 50_000_000
+
+MARKER = rb"LOG1067 (\d{4,}) (\d{4,}) " + TIME_STAMP + rb" FFFFFFFF File opened\r\n"
+BANNER = rb"LOG1067 (\d{4,}) (\d{4,}) " + TIME_STAMP + rb" 00000006 " + START_BANNER + rb"\r\n"
+STOP = rb"LOG1067 0000 0000  00000000 \r\n"
+LINE = re.compile(rb"LOG1067 (\d{4,}) \d{4,} (?:" + TIME_STAMP + rb")? [0-9A-F]{8} ([^\r\n]*)")
+
+linux_files = pytest.mark.skipif("config.getoption('--trace-agent').endswith('.exe')",
+                                 reason="the file system's own rules are others there")
+as_root = pytest.mark.skipif(os.geteuid() != 0, reason="only root can start a process as another account")
+FLOOD_LINE = re.compile(rb"LOG1067 \d{4,} \d{4,} " + TIME_STAMP +
+                        rb" (?:00000006 ([AB]):(\d+):x+|FFFFFFFF File opened)\r\n")
+
+
+def live_path(program):
+    return os.path.join(program.data, "TRACELOGS", "LOG1067.ltt")
+
+
+def live(program):
+    with open(live_path(program), "rb") as file:
+        return file.read()
+
+
+def texts(content):
+    """The texts of a trace file's lines; every line must be whole."""
+    assert content == b"" or content.endswith(b"\r\n"), content[-200:]
+    found = []
+    for line in content.split(b"\r\n")[:-1]:
+        match = LINE.fullmatch(line)
+        assert match, line[:300]
+        found.append(match[2])
+    return found
+
+
+class TraceAgent:
+    """A process that traces what it is told to."""
+
+    def __init__(self, program, command, *words, **options):
+        self.process = subprocess.Popen([*command, *words], env=program.env, stdin=subprocess.PIPE,
+                                        stdout=subprocess.PIPE, **options)
+
+    def answer(self):
+        return self.process.stdout.readline().decode().strip()
+
+    def tell(self, line=""):
+        self.process.stdin.write(line.encode() + b"\n")
+        self.process.stdin.flush()
+
+    def write(self, line):
+        self.tell(line)
+        assert self.answer() == "done"
+
+    def close(self):
+        if self.process.poll() is None:
+            self.process.kill()
+        self.process.wait()
+        self.process.stdin.close()
+        self.process.stdout.close()
+
+
+@pytest.fixture
+def trace_agent(request, keltop):
+    """Starts trace agents that share keltop's folders."""
+    started = []
+    command = shlex.split(request.config.getoption("--trace-agent"))
+
+    def start(*words, prefix=(), **options):
+        started.append(TraceAgent(keltop, [*prefix, *command], *words, **options))
+        return started[-1]
+
+    yield start
+    for agent in started:
+        agent.close()
+
+
+# What every run leaves
+
+
+@pytest.mark.parametrize("switches", [("-h",), ("-?", "-p", "80"), ("-raw",), ("-p", "0"), ("-p", "x", "-raw")])
+def test_a_run_that_ends_leaves_a_complete_file(keltop, switches):
+    done = keltop.run(*switches)
+    content = live(keltop)
+    match = re.fullmatch(MARKER + BANNER + STOP, content)
+    assert match, content
+    marker_process, marker_thread, process, thread = match.groups()
+    assert marker_process == process
+    assert marker_thread != thread  # the writer's own
+    if not keltop.windows:
+        assert process == thread  # the main thread
+    assert len(ECHOED_BANNER.findall(done.stdout)) == 1
+    assert len(ECHOED_STOP.findall(done.stdout)) == 1
+
+
+def test_the_echo_carries_the_time_stamp_of_the_file(keltop):
+    done = keltop.run("-h")
+    stamp = re.search(TIME_STAMP, ECHOED_BANNER.search(done.stdout)[0])[0]
+    assert re.search(rb" " + stamp + rb" 00000006 KELTOP", live(keltop))
+
+
+def test_without_the_trace_the_output_is_the_help_alone(keltop):
+    output = without_trace(keltop.run("-h").stdout)
+    assert b"LOG1067" not in output
+    assert output.startswith(b"KELTOP.EXE - 8.0.26.0 Built: Jan 15 2024\r\n")
+    assert output.endswith(b"Example: keltop -rsi jazz -url http://127.0.0.1/rsi\n")
+
+
+@pytest.mark.parametrize("switches", [(), ("-raw",)])
+def test_a_listener_traces_its_start_and_its_end(keltop, switches):
+    running, _ = keltop.listen(*switches)
+    running.wait_for(b"Version: 8.0.26\r\n")
+    eventually(lambda: os.path.exists(live_path(keltop)) and live(keltop).endswith(b"8.0.26\r\n"), what="the banner")
+    assert re.fullmatch(MARKER + BANNER, live(keltop))
+    assert running.interrupt() == 0
+    assert re.fullmatch(MARKER + BANNER + STOP, live(keltop))
+
+
+def test_a_listener_with_open_connections_stops_the_trace_too(keltop):
+    running, port = keltop.listen("-raw")
+    with socket.create_connection(("127.0.0.1", port)) as peer:
+        peer.sendall(b"seen")
+        running.wait_for(b"seen")
+        assert running.interrupt() == 0
+    assert re.fullmatch(MARKER + BANNER + STOP, live(keltop))
+    assert len(ECHOED_STOP.findall(running.output)) == 1
+
+
+def test_a_killed_listener_leaves_whole_lines(keltop):
+    running, _ = keltop.listen()
+    eventually(lambda: os.path.exists(live_path(keltop)) and live(keltop).endswith(b"8.0.26\r\n"), what="the banner")
+    running.process.kill()
+    running.wait()
+    assert re.fullmatch(MARKER + BANNER, live(keltop))
+
+
+def test_later_runs_continue_the_file(keltop):
+    keltop.run("-h")
+    keltop.run("-h")
+    assert re.fullmatch((MARKER + BANNER + STOP) * 2, live(keltop))
+
+
+def test_many_starts_and_exits(keltop, request):
+    starts = request.config.getoption("--starts")
+    for _ in range(starts):
+        assert keltop.run("-h").returncode == 0
+    found = texts(live(keltop))
+    assert found.count(b"File opened") == starts
+    assert sum(bool(re.fullmatch(START_BANNER, text)) for text in found) == starts
+
+
+def test_a_full_live_file_is_rotated_by_a_listener(keltop):
+    with open(live_path(keltop), "wb") as file:
+        file.truncate(FULL)
+    running, _ = keltop.listen()
+    copies = eventually(lambda: [name for name in os.listdir(os.path.dirname(live_path(keltop))) if "-" in name],
+                        what="the rotation")
+    eventually(lambda: live(keltop).startswith(b"LOG1067"), what="the emptied file")
+    assert running.interrupt() == 0
+    assert re.fullmatch(MARKER + STOP, live(keltop))
+    assert re.fullmatch(rb"LOG1067-\d{17}\.ltt", os.fsencode(copies[0]))
+    with open(os.path.join(os.path.dirname(live_path(keltop)), copies[0]), "rb") as file:
+        file.seek(FULL)
+        assert re.fullmatch(MARKER + BANNER, file.read())
+
+
+@linux_files
+def test_an_idle_listener_does_not_wake_its_writer_and_has_no_message_threads(keltop):
+    running, _ = keltop.listen()
+    eventually(lambda: os.path.exists(live_path(keltop)) and live(keltop).endswith(b"8.0.26\r\n"), what="the banner")
+    tasks = f"/proc/{running.process.pid}/task"
+    names = [open(f"{tasks}/{task}/comm", encoding="ascii").read() for task in os.listdir(tasks)]
+    assert not [name for name in names if name.startswith("ZMQ")]
+    writer = int(re.match(MARKER, live(keltop))[2])
+
+    def switches():
+        with open(f"{tasks}/{writer}/status", encoding="ascii") as file:
+            return [line for line in file if "ctxt_switches" in line]
+
+    def settled():
+        before = switches()
+        time.sleep(0.5)  # the time that is measured
+        return switches() == before
+
+    eventually(settled, what="half a second without the writer")
+
+
+# Where nothing can be written
+
+
+def test_without_the_trace_folder_nothing_is_written_or_said(keltop):
+    os.rmdir(os.path.dirname(live_path(keltop)))
+    done = keltop.run("-h")
+    assert done.returncode == 0
+    assert done.stderr == b""
+    assert ECHOED_BANNER.search(done.stdout)
+    assert os.listdir(keltop.data) == []
+
+
+@pytest.mark.parametrize("place", [pytest.param("folder"), pytest.param("dangling link", marks=linux_files)])
+def test_something_else_in_the_files_place_is_silent(keltop, place):
+    if place == "folder":
+        os.mkdir(live_path(keltop))
+    else:
+        os.symlink(os.path.join(keltop.data, "missing", "file"), live_path(keltop))
+    done = keltop.run("-h")
+    assert done.returncode == 0
+    assert done.stderr == b""
+    assert len(os.listdir(os.path.dirname(live_path(keltop)))) == 1
+
+
+@linux_files
+def test_a_folder_that_appears_takes_the_next_line(keltop, trace_agent):
+    folder = os.path.dirname(live_path(keltop))
+    os.rmdir(folder)
+    agent = trace_agent("steps")
+    agent.write("lost")
+    os.mkdir(folder)
+    agent.write("kept")
+    assert texts(live(keltop)) == [b"File opened", b"kept"]
+
+
+@linux_files
+def test_a_deleted_file_is_made_anew(keltop, trace_agent):
+    agent = trace_agent("steps")
+    agent.write("one")
+    os.remove(live_path(keltop))
+    agent.write("lost")
+    agent.write("two")
+    assert texts(live(keltop)) == [b"File opened", b"two"]
+
+
+@linux_files
+@as_root
+def test_a_read_only_folder_is_waited_out(keltop, trace_agent):
+    folder = os.path.dirname(live_path(keltop))
+    os.chmod(keltop.objects, 0o777)
+    agent = trace_agent("steps", user=NOBODY, group=NOBODY)
+    agent.write("lost")
+    assert os.listdir(folder) == []
+    os.chmod(folder, 0o777)
+    agent.write("kept")
+    assert texts(live(keltop)) == [b"File opened", b"kept"]
+
+
+def can_mount():
+    if os.geteuid() != 0:
+        return False
+    return subprocess.run(["unshare", "-m", "sh", "-c", "mount -t tmpfs tmpfs /mnt"], check=False,
+                          stderr=subprocess.DEVNULL).returncode == 0
+
+
+@linux_files
+@pytest.mark.skipif(not can_mount(), reason="needs root and a mount namespace for a small disk")
+def test_a_full_disk_is_waited_out_and_leaves_no_torn_line(keltop, trace_agent):
+    folder = os.path.dirname(live_path(keltop))
+    mount = f'mount -t tmpfs -o size=256k tmpfs "{folder}" && exec "$@"'
+    agent = trace_agent("steps", prefix=["unshare", "-m", "sh", "-c", mount, "sh"])
+    agent.write("one")
+    inside = f"/proc/{agent.process.pid}/root{folder}"
+
+    def written():
+        with open(f"{inside}/LOG1067.ltt", "rb") as file:
+            return texts(file.read())
+
+    assert written() == [b"File opened", b"one"]
+    with open(f"{inside}/filler", "wb", buffering=0) as filler, pytest.raises(OSError):
+        while True:
+            filler.write(b"x" * 1024)
+    long = "x" * 3000  # reaches beyond the block that the file already has
+    for _ in range(10):
+        agent.write(long)
+    before = written()
+    assert before[:2] == [b"File opened", b"one"]
+    assert before.count(long.encode()) < 10  # some were lost
+    os.remove(f"{inside}/filler")
+    agent.write("two")
+    after = written()
+    assert after[:len(before)] == before
+    assert after[-2:] == [b"File opened", b"two"]
+
+
+# Several processes
+
+
+class Copies:
+    """Takes every rotated copy away as soon as it appears, so that none is deleted, and reads it when it is surely
+    complete."""
+
+    BEHIND = 3  # one may be in the making, and one that a dead process left unfinished may be found together with it
+
+    def __init__(self, program, check):
+        self.folder = os.path.dirname(live_path(program))
+        self.taken = 0
+        self._away = os.path.join(program.folder, "away")
+        self._read = 0
+        self._check = check
+        self._errors = []
+        self._ending = threading.Event()
+        os.mkdir(self._away)
+        self._threads = [threading.Thread(target=self._repeat, args=(action,))
+                         for action in (self._take, lambda: self._read_up_to(self.taken - self.BEHIND))]
+        for thread in self._threads:
+            thread.start()
+
+    def _repeat(self, action):
+        try:
+            while not self._ending.is_set():
+                action()
+                time.sleep(0.001)
+        except BaseException as error:  # shown by the test, which is another thread
+            self._errors.append(error)
+
+    def _take(self):
+        for name in sorted(os.listdir(self.folder)):
+            if "-" in name:
+                os.rename(os.path.join(self.folder, name), os.path.join(self._away, str(self.taken)))
+                self.taken += 1
+
+    def _read_up_to(self, end):
+        while self._read < end:
+            path = os.path.join(self._away, str(self._read))
+            with open(path, "rb") as file:
+                self._check(file.read())
+            os.remove(path)
+            self._read += 1
+
+    def finish(self):
+        self._ending.set()
+        for thread in self._threads:
+            thread.join()
+        assert not self._errors, self._errors
+        self._take()
+        self._read_up_to(self.taken)
+
+
+@pytest.fixture
+def fast_folder(keltop):
+    """Traces in memory where there is room, so that the disk is not what is tested."""
+    if not os.access("/dev/shm", os.W_OK):
+        yield
+        return
+    with tempfile.TemporaryDirectory(prefix="keltop-traces-", dir="/dev/shm") as folder:
+        keltop.folder = folder
+        keltop.data = os.path.join(folder, "data")
+        keltop.env["KELTOP_DATA_LOCATION"] = keltop.data
+        os.makedirs(os.path.join(keltop.data, "TRACELOGS"))
+        yield
+
+
+@linux_files
+def test_two_processes_write_and_rotate_one_file_without_losing_a_line(keltop, trace_agent, fast_folder, request):
+    seconds = request.config.getoption("--flood-seconds")
+    seen = {b"A": set(), b"B": set()}
+
+    def check(content):
+        end = 0
+        for line in FLOOD_LINE.finditer(content):
+            assert line.start() == end, "a line that is not whole"
+            end = line.end()
+            if line[1]:
+                assert line[2] not in seen[line[1]], "written twice"
+                seen[line[1]].add(line[2])
+        assert end == len(content), "a line that is not whole"
+
+    copies = Copies(keltop, check)
+    agents = [trace_agent("flood", str(seconds), tag, "1900") for tag in "AB"]
+    for agent in agents:
+        assert agent.answer() == "ready"
+    for agent in agents:
+        agent.tell()
+    written = [int(agent.answer()) for agent in agents]
+    copies.finish()
+    check(live(keltop))
+    assert copies.taken >= 2, "too slow to rotate twice"
+    for tag, count in zip((b"A", b"B"), written):
+        assert len(seen[tag]) == count
+    print(f"{sum(written)} lines, {copies.taken} rotations in {seconds} s")
+
+
+@linux_files
+def test_two_processes_keep_no_more_than_four_files(keltop, trace_agent, fast_folder, request):
+    seconds = request.config.getoption("--flood-seconds")
+    folder = os.path.dirname(live_path(keltop))
+    agents = [trace_agent("flood", str(seconds), tag, "1900") for tag in "AB"]
+    for agent in agents:
+        assert agent.answer() == "ready"
+        agent.tell()
+    most = 0
+    while any(agent.process.poll() is None for agent in agents):
+        most = max(most, len(os.listdir(folder)))
+        time.sleep(0.001)
+    assert 4 <= most <= 5, "four, and the one just made"
+    assert len(os.listdir(folder)) <= 4
+
+
+@linux_files
+def test_a_killed_writer_changes_nothing_for_the_other(keltop, trace_agent, fast_folder, request):
+    seconds = request.config.getoption("--flood-seconds")
+    numbers = []
+    dice = random.Random(1067)
+
+    def check(content):
+        # A line of the victim may be torn by its death, and then stands in front of one of the survivor's.
+        numbers.extend(int(number) for number in re.findall(rb" A:(\d+):x*\r\n", content))
+
+    copies = Copies(keltop, check)
+    survivor = trace_agent("flood", str(seconds), "A", "1900")
+    assert survivor.answer() == "ready"
+    survivor.tell()
+    deaths = 0
+    end = time.monotonic() + seconds - 0.5
+    while time.monotonic() < end:
+        victim = trace_agent("flood", str(seconds), "B", "1900")
+        assert victim.answer() == "ready"
+        victim.tell()
+        time.sleep(dice.uniform(0, 0.1))  # the random moment
+        victim.process.kill()
+        victim.process.wait()
+        deaths += 1
+    written = int(survivor.answer())
+    copies.finish()
+    check(live(keltop))
+    assert deaths >= 3
+    # Who dies between the copy and the truncation leaves the lines in both files.
+    missing = sorted(set(range(written)) - set(numbers))
+    assert not missing, f"{len(missing)} of {written} lines, from {missing[0]} to {missing[-1]}"
+    print(f"{written} lines beside {deaths} deaths and {copies.taken} rotations")
+
+
+@linux_files
+def test_a_rotation_waits_for_the_other_processs_turn(keltop, trace_agent, request):
+    folder = os.path.dirname(live_path(keltop))
+    others = Agents(request.config.getoption("--agent"), keltop.objects)
+    try:
+        other = others.start()
+        turn, _ = other.obtain("create-mutex", "LOG1067")
+        assert other.wait(turn, 0) == 0
+        agent = trace_agent("steps")
+        with open(live_path(keltop), "wb") as file:
+            file.truncate(FULL)
+        agent.write("opens the file")
+        agent.tell("rotates it")
+        descriptors = f"/proc/{agent.process.pid}/fd"
+        # Waiting for a machine-wide object shows in what the process has open.
+        eventually(lambda: "anon_inode:inotify" in [os.readlink(os.path.join(descriptors, name))
+                                                    for name in os.listdir(descriptors)], what="the wait")
+        assert os.listdir(folder) == ["LOG1067.ltt"]
+        # The other process empties the file in its turn: there is nothing left to rotate then.
+        os.truncate(live_path(keltop), 0)
+        assert other.ask("release", turn).startswith("0")
+        assert agent.answer() == "done"
+    finally:
+        others.close()
+    assert os.listdir(folder) == ["LOG1067.ltt"]
+    assert texts(live(keltop)) == [b"rotates it"]
+
+
+# The order of static objects
+
+
+@pytest.mark.parametrize("stop", [(), ("stop",)])
+def test_static_objects_may_trace_before_and_after_the_controller(keltop, request, stop):
+    command = shlex.split(request.config.getoption("--trace-agent"))
+    command[-1] = command[-1].replace("keltop_trace_agent", "keltop_trace_order")
+    done = subprocess.run([*command, *stop], env=keltop.env, timeout=60, capture_output=True, check=False)
+    assert (done.returncode, done.stderr) == (0, b"")
+    expected = [b"File opened", b"made early", b"made in main"]
+    assert texts(live(keltop))[:3] == expected
+    assert b"much too late" not in live(keltop)
+    assert b"after the stop" not in live(keltop)

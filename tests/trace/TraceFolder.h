@@ -1,0 +1,59 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/Settings.h"
+#include "support/FakeClock.h"
+#include "support/TemporaryFolder.h"
+
+namespace keltop {
+
+/// A data location of the test's own, with the trace folder in it, and a clock that stands still.
+class TraceFolder : public testing::Test {
+ protected:
+  static constexpr platform::LocalTime kStart = {
+      .year = 2024, .month = 1, .dayOfWeek = 1, .day = 15, .hour = 9, .minute = 5, .second = 7, .milliseconds = 42};
+
+  TraceFolder() : clock_(kStart) {
+    location = data_.path().string();
+    platform::setDataLocationSource([] { return location; });
+    std::filesystem::create_directory(traces());
+  }
+  ~TraceFolder() override { platform::setDataLocationSource(nullptr); }
+
+  [[nodiscard]] std::filesystem::path traces() const { return data_.path() / "TRACELOGS"; }
+  [[nodiscard]] std::filesystem::path archive() const { return traces() / "ARCHIVE"; }
+  [[nodiscard]] std::string trace(std::string_view name) const { return (traces() / name).string(); }
+
+  [[nodiscard]] static std::vector<std::string> filesIn(const std::filesystem::path& folder) {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+      if (!entry.is_directory()) {
+        names.push_back(entry.path().filename().string());
+      }
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+  /// A file that was last written that many seconds ago.
+  void makeFile(const std::filesystem::path& path, std::string_view content, int age = 0) const {
+    writeContent(path, content);
+    std::filesystem::last_write_time(path, std::filesystem::last_write_time(path) - std::chrono::seconds(age));
+  }
+
+  TemporaryFolder data_;
+  FakeClock clock_;
+
+ private:
+  static inline std::string location;
+};
+
+}  // namespace keltop

@@ -1,0 +1,135 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "trace/WorkStack.h"
+
+namespace QXUTIL {
+namespace {
+
+constexpr std::uint32_t kLong = 20'000;
+
+class Recorder : public WorkStack<int> {
+ public:
+  std::atomic<int> pushes = 0;
+  std::vector<int> removals;
+
+ protected:
+  void afterPush() override { ++pushes; }
+  void removed(int& record) override { removals.push_back(record); }
+};
+
+TEST(WorkStack, recordsLeaveInTheOrderTheyCame) {
+  WorkStack<std::string> queue;
+  queue.push("one");
+  queue.push("two");
+  EXPECT_EQ(queue.pop(kLong, "none"), "one");
+  EXPECT_EQ(queue.pop(0, "none"), "two");
+  EXPECT_EQ(queue.pop(0, "none"), "none");
+}
+
+TEST(WorkStack, popWaitsItsTimeAndGivesTheFallback) {
+  WorkStack<int> queue;
+  const auto before = std::chrono::steady_clock::now();
+  EXPECT_EQ(queue.pop(20, -7), -7);
+  EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(20));
+}
+
+TEST(WorkStack, aPushWakesAWaitingPop) {
+  WorkStack<int> queue;
+  std::thread producer([&queue] { queue.push(5); });
+  EXPECT_EQ(queue.pop(kLong, 0), 5);
+  producer.join();
+}
+
+TEST(WorkStack, the201stRecordPushesTheOldestOut) {
+  Recorder queue;
+  for (int i = 1; i <= 201; ++i) {
+    queue.push(i);
+  }
+  EXPECT_EQ(queue.pushes, 201);
+  EXPECT_EQ(queue.removals, std::vector<int>{1});
+  for (int i = 2; i <= 201; ++i) {
+    EXPECT_EQ(queue.pop(0, 0), i);
+  }
+  EXPECT_EQ(queue.pop(0, 0), 0);
+}
+
+TEST(WorkStack, everyRecordPassesTheHookOnItsWayOut) {
+  Recorder queue;
+  for (int i = 1; i <= 4; ++i) {
+    queue.push(i);
+  }
+  int taken = 0;
+  EXPECT_TRUE(queue.take(taken));
+  EXPECT_EQ(taken, 1);
+  EXPECT_EQ(queue.pop(0, 0), 2);
+  EXPECT_EQ(queue.removals, (std::vector<int>{1, 2}));
+  queue.clear();
+  EXPECT_EQ(queue.removals, (std::vector<int>{1, 2, 3, 4}));
+  EXPECT_FALSE(queue.take(taken));
+}
+
+TEST(WorkStack, takeLeavesTheCountAndAPopOnItAloneGivesTheFallback) {
+  WorkStack<int> queue;
+  queue.push(1);
+  int taken = 0;
+  EXPECT_TRUE(queue.take(taken));
+  EXPECT_EQ(queue.pop(0, -1), -1);
+  queue.push(2);
+  EXPECT_EQ(queue.pop(0, -1), 2);
+}
+
+TEST(WorkStack, clearTakesTheCountsToo) {
+  WorkStack<int> queue;
+  for (int i = 0; i < 250; ++i) {
+    queue.push(i);
+  }
+  queue.clear();
+  const auto before = std::chrono::steady_clock::now();
+  EXPECT_EQ(queue.pop(20, -1), -1);
+  EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(20)) << "a count was left";
+  queue.push(9);
+  EXPECT_EQ(queue.pop(0, -1), 9);
+}
+
+TEST(WorkStack, eightProducersAndOneConsumerKeepEachProducersOrder) {
+  constexpr int kThreads = 8;
+  constexpr int kRecords = 5000;
+  Recorder queue;
+  std::vector<std::thread> producers;
+  std::atomic<int> running = kThreads;
+  for (int thread = 0; thread < kThreads; ++thread) {
+    producers.emplace_back([&queue, &running, thread] {
+      for (int i = 1; i <= kRecords; ++i) {
+        queue.push(thread * kRecords * 2 + i);
+      }
+      --running;
+    });
+  }
+  std::vector<int> last(kThreads, 0);
+  int popped = 0;
+  for (int record = 1; running > 0 || record != -1; record = queue.pop(1, -1)) {
+    if (record > 1 || (record == 1 && popped++ > 0)) {
+      int& before = last[static_cast<std::size_t>(record / (kRecords * 2))];
+      EXPECT_LT(before, record % (kRecords * 2));
+      before = record % (kRecords * 2);
+    }
+  }
+  for (std::thread& producer : producers) {
+    producer.join();
+  }
+  // A count may be left without its record, never a record without its count.
+  while (queue.pop(0, -1) != -1) {
+  }
+  int left = 0;
+  EXPECT_FALSE(queue.take(left));
+  EXPECT_EQ(queue.removals.size(), static_cast<std::size_t>(kThreads * kRecords));
+}
+
+}  // namespace
+}  // namespace QXUTIL
