@@ -200,8 +200,14 @@ def test_reset_instead_of_an_answer(keltop):
     assert console.endswith(b"}Post(1261) Read error: Connection reset by peer\n"), console[-200:]
 
 
+def sanitized(keltop):
+    """Whether the build keeps books of its own in memory."""
+    with open(keltop.command[-1], "rb") as program:
+        return b"__asan_init" in (content := program.read()) or b"__tsan_init" in content
+
+
 def measured_run(keltop, url, output):
-    """Runs a post with its console in a file; gives its largest resident size in bytes.
+    """Runs a post with its console in a file; gives its largest resident size in bytes, 0 where that tells nothing.
 
     The process is asked while it runs: what the system tells of it afterwards includes the size that the process which
     started it once had.
@@ -218,7 +224,7 @@ def measured_run(keltop, url, output):
             time.sleep(0.001)
     assert process.returncode == 0
     assert largest > 0
-    return largest
+    return 0 if sanitized(keltop) else largest
 
 
 @pytest.mark.parametrize("chunked", [False, True])

@@ -20,7 +20,8 @@ class TraceWrite : public TraceFolder {};
 TEST_F(TraceWrite, linesReachTheFileThroughTheProgramsController) {
   LogsControl* const control = globalLogsControl();
   ASSERT_NE(control, nullptr);
-  EXPECT_TRUE(control->registerModule(1, 1067, ""));
+  // Not rotated: the controller saw the real date before the test's clock came.
+  EXPECT_TRUE(control->registerModule(0, 1067, ""));
   writeStartBanner("8.0.26");
   traceWrite(0, 0, "text");
   traceWrite(1, -2, "x", "A:");
