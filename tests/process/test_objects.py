@@ -296,6 +296,17 @@ def test_an_owned_mutex_that_died_with_its_last_holder_is_free_when_made_again(a
     assert one.ask("wait-in-thread", again) == str(OBJECT)
 
 
+def test_an_owned_mutex_that_died_with_its_last_holder_is_free_for_a_stranger(agents):
+    one, two, three = agents.start(), agents.start(), agents.start()
+    owned, _ = one.obtain("create-mutex", "M")
+    two.obtain("create-mutex", "M")
+    assert one.wait(owned, 0) == OBJECT
+    assert one.ask("close", owned) == "0"
+    two.kill()
+    third, error = three.obtain("create-mutex", "M")
+    assert (error, three.wait(third, 0)) == (NONE, OBJECT)
+
+
 def test_an_owned_mutex_opened_again_by_its_owner_lives_by_that_handle(agents):
     one, two = agents.start(), agents.start()
     owned, _ = one.obtain("create-mutex", "M")
@@ -417,6 +428,7 @@ GARBAGE = {
     "type": b"KELTOBJ1" + struct.pack("4I", 9, 0, 1, 0),
     "count": b"KELTOBJ1" + struct.pack("4I", 3, 9, 3, 0),
     "limit": b"KELTOBJ1" + struct.pack("4I", 3, 0, 0xFF000000, 0),
+    "one byte more": b"KELTOBJ1" + struct.pack("4I", 1, 0, 1, 0) + b"\0",
     "limit of an event": b"KELTOBJ1" + struct.pack("4I", 1, 0, 7, 0),
 }
 
@@ -557,7 +569,7 @@ def test_an_owned_mutex_without_any_handle_is_gone_from_a_file_that_stays(agents
     """The file is another account's, so closing the last handle cannot remove it."""
     agents.command = nobody_can_run(agents)
     leave_behind(agents, "create-mutex", "M")
-    one, two = agents.start(**AS_NOBODY), agents.start()
+    one, two = agents.start(**AS_NOBODY), agents.start(**AS_NOBODY)
     first, error = one.obtain("create-mutex", "M")
     assert (error, one.wait(first, 0)) == (NONE, OBJECT)
     assert one.ask("close", first) == "0"
