@@ -577,6 +577,23 @@ def test_an_owned_mutex_without_any_handle_is_gone_from_a_file_that_stays(agents
     assert (error, two.wait(second, 0)) == (NONE, OBJECT)
 
 
+@linux_files
+@as_root
+def test_an_owned_mutex_made_again_in_a_file_that_stays_is_free(agents):
+    """Its owner had closed its own handle, the last other holder was killed, and the file is another account's."""
+    agents.command = nobody_can_run(agents)
+    leave_behind(agents, "create-mutex", "M")
+    one, two = agents.start(**AS_NOBODY), agents.start(**AS_NOBODY)
+    owned, _ = one.obtain("create-mutex", "M")
+    two.obtain("create-mutex", "M")
+    assert one.wait(owned, 0) == OBJECT
+    assert one.ask("close", owned) == "0"
+    two.kill()
+    again, error = one.obtain("create-mutex", "M")
+    assert error == NONE
+    assert one.ask("wait-in-thread", again) == str(OBJECT)
+
+
 def nobody_can_run(agents):
     """The agent where another account can reach it: the build may lie in a home folder."""
     copy = os.path.join(agents.folder, "agent")
