@@ -283,6 +283,46 @@ def test_an_owned_mutex_without_any_handle_is_gone(agents):
     assert (error, two.wait(second, 0)) == (NONE, OBJECT)
 
 
+def test_an_owned_mutex_that_died_with_its_last_holder_is_free_when_made_again(agents):
+    """Its owner had closed its own handle; the last other handle went by sudden death, which removes no file."""
+    one, two = agents.start(), agents.start()
+    owned, _ = one.obtain("create-mutex", "M")
+    two.obtain("create-mutex", "M")
+    assert one.wait(owned, 0) == OBJECT
+    assert one.ask("close", owned) == "0"
+    two.kill()
+    again, error = one.obtain("create-mutex", "M")
+    assert error == NONE
+    assert one.ask("wait-in-thread", again) == str(OBJECT)
+
+
+def test_an_owned_mutex_that_died_with_its_last_holder_is_free_for_a_stranger(agents):
+    one, two, three = agents.start(), agents.start(), agents.start()
+    owned, _ = one.obtain("create-mutex", "M")
+    two.obtain("create-mutex", "M")
+    assert one.wait(owned, 0) == OBJECT
+    assert one.ask("close", owned) == "0"
+    two.kill()
+    third, error = three.obtain("create-mutex", "M")
+    assert (error, three.wait(third, 0)) == (NONE, OBJECT)
+
+
+def test_an_owned_mutex_opened_again_by_its_owner_lives_by_that_handle(agents):
+    one, two = agents.start(), agents.start()
+    owned, _ = one.obtain("create-mutex", "M")
+    two.obtain("create-mutex", "M")
+    assert one.wait(owned, 0) == OBJECT
+    assert one.ask("close", owned) == "0"
+    again, error = one.obtain("create-mutex", "M")
+    assert error == EXISTS
+    two.kill()
+    three = agents.start()
+    third, error = three.obtain("create-mutex", "M")
+    assert (error, three.wait(third, 0)) == (EXISTS, TIMEOUT)
+    assert one.ask("release", again) == "0"
+    assert three.wait(third, 0) == OBJECT
+
+
 def test_a_mutex_that_must_be_new_is_refused_where_one_exists(agents):
     one, two = agents.start(), agents.start()
     one.obtain("create-mutex", "M")
@@ -388,6 +428,8 @@ GARBAGE = {
     "type": b"KELTOBJ1" + struct.pack("4I", 9, 0, 1, 0),
     "count": b"KELTOBJ1" + struct.pack("4I", 3, 9, 3, 0),
     "limit": b"KELTOBJ1" + struct.pack("4I", 3, 0, 0xFF000000, 0),
+    "one byte more": b"KELTOBJ1" + struct.pack("4I", 1, 0, 1, 0) + b"\0",
+    "limit of an event": b"KELTOBJ1" + struct.pack("4I", 1, 0, 7, 0),
 }
 
 
@@ -411,6 +453,27 @@ def test_a_living_object_whose_file_is_garbage_gives_errors(agents, content):
         again, error = two.obtain(*words)  # dead, and so of no more account
         assert (again != "0", error) == (True, NONE)
         two.ask("close", again)
+
+
+@linux_files
+def test_a_living_object_whose_file_becomes_another_kind_gives_errors(agents):
+    one = agents.start()
+    handle, _ = one.obtain("create-event", "E")
+    with open(the_file(agents), "r+b") as file:
+        file.write(b"KELTOBJ1" + struct.pack("4I", 3, 1, 3, 0))
+    assert one.wait(handle, 0) == FAILED
+    assert one.ask("set", handle) != "0"
+
+
+@linux_files
+def test_the_last_handle_leaves_a_file_that_is_not_its_own(agents):
+    """Somebody removed the object's file by hand, and the name went to a new object."""
+    one, two, three = agents.start(), agents.start(), agents.start()
+    old, _ = one.obtain("create-event", "E")
+    os.unlink(the_file(agents))
+    assert two.obtain("create-event", "E")[1] == NONE
+    assert one.ask("close", old) == "0"
+    assert three.obtain("open-event", "E")[1] != NOT_FOUND
 
 
 @linux_files
@@ -498,6 +561,37 @@ def test_what_another_account_left_behind_is_taken_over(agents):
         two.ask("close", event)
         assert two.obtain("open-event", "E") == ("0", NOT_FOUND)
         two.kill()
+
+
+@linux_files
+@as_root
+def test_an_owned_mutex_without_any_handle_is_gone_from_a_file_that_stays(agents):
+    """The file is another account's, so closing the last handle cannot remove it."""
+    agents.command = nobody_can_run(agents)
+    leave_behind(agents, "create-mutex", "M")
+    one, two = agents.start(**AS_NOBODY), agents.start(**AS_NOBODY)
+    first, error = one.obtain("create-mutex", "M")
+    assert (error, one.wait(first, 0)) == (NONE, OBJECT)
+    assert one.ask("close", first) == "0"
+    second, error = two.obtain("create-mutex", "M")
+    assert (error, two.wait(second, 0)) == (NONE, OBJECT)
+
+
+@linux_files
+@as_root
+def test_an_owned_mutex_made_again_in_a_file_that_stays_is_free(agents):
+    """Its owner had closed its own handle, the last other holder was killed, and the file is another account's."""
+    agents.command = nobody_can_run(agents)
+    leave_behind(agents, "create-mutex", "M")
+    one, two = agents.start(**AS_NOBODY), agents.start(**AS_NOBODY)
+    owned, _ = one.obtain("create-mutex", "M")
+    two.obtain("create-mutex", "M")
+    assert one.wait(owned, 0) == OBJECT
+    assert one.ask("close", owned) == "0"
+    two.kill()
+    again, error = one.obtain("create-mutex", "M")
+    assert error == NONE
+    assert one.ask("wait-in-thread", again) == str(OBJECT)
 
 
 def nobody_can_run(agents):

@@ -96,6 +96,12 @@ std::uint32_t takeUp(const StateFile& file, const ObjectState& initial, bool cre
   return file.tryLockShared(StateFile::LockByte::life) ? error : kErrorBusy;
 }
 
+/// A thread may own a mutex whose handle it has closed; when the last other holder is then killed, nobody removes the
+/// file, and that ownership would pass into the next object in it. So that one gets a file of its own.
+bool ownedPastDeath(const StateFile& file) noexcept {
+  return !file.lockedElsewhere(StateFile::LockByte::life) && file.lockedElsewhere(StateFile::LockByte::owner);
+}
+
 /// This process's named objects by file, so that its handles to one object share one.
 class Registry {
  public:
@@ -145,6 +151,9 @@ std::optional<NamedResult> Registry::look(const std::string& path, const std::st
     }
     // Its last user may have removed the file between the opening and the lock.
     if (StateFile::identityOf(path) != file->identity()) {
+      return std::nullopt;
+    }
+    if (create && ownedPastDeath(*file) && ::unlink(path.c_str()) == 0) {
       return std::nullopt;
     }
     error = takeUp(*file, initial, create);
