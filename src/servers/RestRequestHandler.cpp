@@ -99,6 +99,7 @@ void printResponse(std::ostream& console, const HTTPServerResponse& response) {
     dump << "\r\n";
     console << dump.str();
   } catch (const Poco::Exception& error) {
+    console.rdbuf()->pubsync();  // what was printed before comes before, also when the stream has failed
     printSiteLine("RestRequestHandler::handleRequest", kSiteDump, "Read error: ", error.displayText());
   }
 }

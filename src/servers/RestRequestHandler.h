@@ -16,8 +16,8 @@ class RestRequestHandler : public Poco::Net::HTTPRequestHandler {
   void handleRequest(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response) override;
 };
 
-/// Prints the response head as it is about to be sent. A failure of the network library is reported on `console` and
-/// goes no further.
+/// Prints the response head as it is about to be sent. A failure of the network library is reported on standard output,
+/// after what `console` holds, and goes no further.
 void printResponse(std::ostream& console, const Poco::Net::HTTPServerResponse& response);
 
 }  // namespace keltop

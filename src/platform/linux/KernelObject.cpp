@@ -67,7 +67,12 @@ std::uint32_t KernelObject::tryOwn() {
     disclaim();
     return kWaitFailed;
   }
-  rememberOwned(shared_from_this());
+  try {
+    rememberOwned(shared_from_this());
+  } catch (...) {
+    disclaim();  // an owner that nobody knows would keep everybody out
+    throw;
+  }
   owner_ = self;
   holds_ = 1;
   return state->value == 0 ? kWaitObject : kWaitAbandoned;

@@ -26,8 +26,7 @@ constexpr milliseconds kRarestLook(1000);
 
 class NamedObject::FileWatch : public KernelObject::Watch {
  public:
-  FileWatch(int watched, bool owned) noexcept
-      : notices_(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK)), ownedByProcesses_(owned) {
+  FileWatch(int watched, bool owned) : notices_(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK)), ownedByProcesses_(owned) {
     const std::string path = "/proc/self/fd/" + std::to_string(watched);
     watching_ = notices_.valid() && ::inotify_add_watch(notices_.get(), path.c_str(), IN_MODIFY | IN_CLOSE_WRITE) >= 0;
   }

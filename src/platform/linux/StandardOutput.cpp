@@ -33,7 +33,7 @@ bool writeAll(int descriptor, std::string_view text) noexcept {
     const ssize_t written = ::write(descriptor, text.data(), piece);
     if (written >= 0) {
       text.remove_prefix(static_cast<std::size_t>(written));
-    } else if (errno == EAGAIN) {
+    } else if (errno == EAGAIN && mayWait) {
       // Somebody who shares the terminal or the pipe made it non-blocking.
       (void)takesMore(descriptor, -1);
     } else if (errno != EINTR) {

@@ -99,7 +99,7 @@ std::pair<std::optional<StateFile>, int> StateFile::open(const std::string& path
   return {std::move(file), 0};
 }
 
-int StateFile::linkTo(const std::string& path) const noexcept {
+int StateFile::linkTo(const std::string& path) const {
   const std::string self = "/proc/self/fd/" + std::to_string(descriptor());
   return ::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW) == 0 ? 0 : errno;
 }

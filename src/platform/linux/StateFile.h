@@ -50,7 +50,7 @@ class StateFile {
   [[nodiscard]] static std::pair<std::optional<StateFile>, int> open(const std::string& path) noexcept;
 
   /// Gives the file a name; 0, or errno (EEXIST when the name is taken).
-  [[nodiscard]] int linkTo(const std::string& path) const noexcept;
+  [[nodiscard]] int linkTo(const std::string& path) const;
 
   /// The state, or nothing when the content is not exactly one that this program writes.
   [[nodiscard]] std::optional<ObjectState> read() const noexcept;
