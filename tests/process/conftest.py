@@ -223,6 +223,8 @@ class Keltop:
         os.makedirs(self.objects)
         os.makedirs(os.path.join(self.data, "TRACELOGS"))
         self.env = {**os.environ, "KELTOP_OBJECT_DIR": self.objects, "KELTOP_DATA_LOCATION": self.data}
+        if self.windows:
+            wine.set_data_location(self.data)
         self._started = []
 
     def text_mode(self, output):
