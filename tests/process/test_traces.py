@@ -484,5 +484,6 @@ def test_static_objects_may_trace_before_and_after_the_controller(keltop, reques
     assert (done.returncode, done.stderr) == (0, b"")
     expected = [b"File opened", b"made early", b"made in main"]
     assert texts(live(keltop))[:3] == expected
-    assert b"much too late" not in live(keltop)
+    if not keltop.windows:  # there the controller is made before, and so ends after, the objects of that file
+        assert b"much too late" not in live(keltop)
     assert b"after the stop" not in live(keltop)
