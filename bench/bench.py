@@ -226,16 +226,31 @@ http {{
         finally:
             self.stop(server)
 
-    # XML
+    # Micro-benchmarks
 
-    def xml(self, rounds):
-        done = subprocess.run([os.path.join(self.build, "XmlElementBench"), f"--benchmark_repetitions={rounds}",
+    def figures(self, program, figure, rounds):
+        """What a micro-benchmark measured, by the names of its runs."""
+        done = subprocess.run([os.path.join(self.build, program), f"--benchmark_repetitions={rounds}",
                                "--benchmark_enable_random_interleaving=true", "--benchmark_format=json"],
-                              stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, check=True)
-        speeds = {}
+                              stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, env=self.env, check=True)
+        found = {}
         for run in json.loads(done.stdout)["benchmarks"]:
             if run["run_type"] == "iteration":
-                speeds.setdefault(run["run_name"], []).append(run["items_per_second"])
+                found.setdefault(run["run_name"], []).append(run[figure])
+        return found
+
+    def trace(self, rounds):
+        costs = self.figures("TraceCallBench", "cpu_time", rounds)
+        for threads in (1, 8):
+            own, other = (costs[f"{call}/real_time/threads:{threads}"] for call in ("traceCall", "spdlogCall"))
+            self.ratio(f"a trace call's cost, {threads} thread{'s' if threads > 1 else ''}", list(zip(own, other)),
+                       "spdlog, asynchronous, set alike", None, "ns", at_most=True)
+        lines = self.figures("TraceCallBench", "items_per_second", rounds)
+        self.ratio("trace lines to the file", list(zip(lines["traceToFile/real_time"], lines["spdlogToFile/real_time"])),
+                   "spdlog, flushes without fsync", None, "1/s")
+
+    def xml(self, rounds):
+        speeds = self.figures("XmlElementBench", "items_per_second", rounds)
         for what, own, tiny in (("XML elements written", "writeOwnTree", "writeTinyTree"),
                                 ("XML elements built and written", "buildAndWriteOwnTree", "buildAndWriteTinyTree")):
             self.ratio(what, list(zip(speeds[own], speeds[tiny])), "TinyXML2", None, "1/s")
@@ -327,7 +342,7 @@ def main():
     options.add_argument("--build", required=True, help="the folder of the built programs")
     options.add_argument("--windows", help="the program for Windows, where it has been built")
     options.add_argument("--quick", action="store_true", help="shorter rounds, for trying the benchmark itself")
-    options.add_argument("only", nargs="*", help="http, raw, start, posts, xml, windows or growth; all without")
+    options.add_argument("only", nargs="*", help="http, raw, start, posts, trace, xml, windows or growth; all without")
     given = options.parse_args()
     with tempfile.TemporaryDirectory(prefix="keltop-bench-") as folder:
         bench = Bench(given.build, given.windows, folder)
@@ -335,6 +350,7 @@ def main():
                  "raw": lambda: bench.raw(1 if given.quick else 5, 20),
                  "start": lambda: bench.start_up(5 if given.quick else 31),
                  "posts": lambda: bench.posts(5 if given.quick else 31),
+                 "trace": lambda: bench.trace(3 if given.quick else 5),
                  "xml": lambda: bench.xml(3 if given.quick else 11),
                  "windows": lambda: bench.under_wine(5 if given.quick else 31, 1 if given.quick else 4),
                  "growth": bench.growth}

@@ -42,8 +42,6 @@ pack_deb() {
   chmod 755 "$folder"
   DESTDIR=$folder cmake --install "$KELTOP_ROOT/build/release" --strip --prefix /usr >/dev/null
   gzip -9n "$folder/usr/share/man/man1/keltop.1"
-  # Whoever runs keltop writes into the trace files of the day; nobody removes another one's.
-  install -d -m 1777 "$folder/var/lib/vs/TRACELOGS"
   documents=$folder/usr/share/doc/keltop
   install -d "$documents"
   install -m 644 "$packaging/linux/copyright" "$documents/copyright"

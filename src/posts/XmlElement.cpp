@@ -155,7 +155,10 @@ void XmlElement::attachChild(const XmlElement& child) {
   }
   const XmlElement kept = child;  // `child` may be the very entry that is taken out below
   if (Data* former = kept.data_->parent; former != nullptr) {
-    std::erase(former->content, Data::Content(kept));
+    std::erase_if(former->content, [&kept](const Data::Content& entry) {
+      const auto* element = std::get_if<XmlElement>(&entry);
+      return element != nullptr && *element == kept;
+    });
   }
   kept.data_->parent = data_.get();
   data_->content.emplace_back(kept);

@@ -10,6 +10,7 @@ import os
 import pty
 import re
 import shlex
+import shutil
 import signal
 import socket
 import subprocess
@@ -24,6 +25,10 @@ import pytest
 import wine
 
 LONG = 20.0  # seconds that a thing may take on a busy machine before it counts as not happening
+
+AS_NOBODY = {"user": 65534, "group": 65534, "extra_groups": []}
+
+as_root = pytest.mark.skipif(os.geteuid() != 0, reason="only root can start a process as another account")
 
 # What every run shows first. The program's own "\r\n" come as they are, its line ends as "\n".
 HEAD = b"""\
@@ -240,6 +245,14 @@ class Keltop:
         if self.windows:
             wine.set_data_location(self.data)
         self._started = []
+
+    def for_everybody(self):
+        """The program where another account can run it: the build may lie in a home folder."""
+        copy = os.path.join(self.folder, "keltop")
+        if not os.path.exists(copy):
+            shutil.copy(self.command[-1], copy)
+            os.chmod(copy, 0o755)
+        return copy
 
     def text_mode(self, output):
         """Undoes the line ends of the Windows run-time library's text mode."""

@@ -3,14 +3,14 @@
 import contextlib
 import glob
 import os
-import shutil
 import signal
 import socket
 import subprocess
 
 import pytest
 
-from conftest import HEAD, eventually, free_port, is_listening, listening_on, port_in_use, without_trace
+from conftest import (AS_NOBODY, HEAD, as_root, eventually, free_port, is_listening, listening_on, port_in_use,
+                      without_trace)
 
 HELP = b"""\
 \r
@@ -45,7 +45,6 @@ INVALID_PORT = b"Invalid port number specified.\n"
 NOT_RUNNING = b"Server not running, shutting down.\n"
 
 OBSERVED = 0.3  # seconds for which something is watched not to happen
-NOBODY = 65534
 
 linux_terminal = pytest.mark.skipif("config.getoption('--keltop').endswith('.exe')",
                                     reason="a key press is read from the Windows console there")
@@ -53,7 +52,6 @@ linux_folder = pytest.mark.skipif("config.getoption('--keltop').endswith('.exe')
                                   reason="the kernel's own objects are in no folder there")
 linux_sockets = pytest.mark.skipif("config.getoption('--keltop').endswith('.exe')",
                                    reason="the sockets belong to the Wine server there")
-as_root = pytest.mark.skipif(os.geteuid() != 0, reason="only root can start a process as another account")
 
 
 def shown(done):
@@ -391,8 +389,5 @@ def test_what_needs_no_shutdown_event_runs_without(keltop, arguments, result):
 
 
 def run_as_nobody(keltop, *switches):
-    copy = os.path.join(keltop.folder, "keltop")  # the build may lie in a home folder
-    shutil.copy(keltop.command[-1], copy)
-    os.chmod(copy, 0o755)
-    keltop.command = [copy]
-    return keltop.run(*switches, user=NOBODY, group=NOBODY, extra_groups=[])
+    keltop.command = [keltop.for_everybody()]
+    return keltop.run(*switches, **AS_NOBODY)

@@ -10,17 +10,15 @@ import time
 
 import pytest
 
-from conftest import eventually
+from conftest import AS_NOBODY, as_root, eventually
 
 OBJECT, ABANDONED, TIMEOUT, FAILED = 0, 128, 258, 0xFFFFFFFF
 NONE, NOT_FOUND, DENIED, BAD_HANDLE, BAD_DATA, EXISTS = 0, 2, 5, 6, 13, 183
 NOT_OWNER, TOO_MANY_POSTS = 288, 298
 FOR_EVER = 0xFFFFFFFF
-NOBODY = 65534
 
 linux_files = pytest.mark.skipif("config.getoption('--agent').endswith('.exe')",
                                  reason="the kernel's own objects are no files there")
-as_root = pytest.mark.skipif(os.geteuid() != 0, reason="only root can start a process as another account")
 
 
 def the_file(agents):
@@ -450,12 +448,11 @@ def test_a_stopped_holder_of_the_lock_makes_no_one_hang(agents):
 
 
 @linux_files
+@as_root
 def test_a_file_that_others_may_not_open_denies_access(agents):
-    if os.geteuid() != 0:
-        pytest.skip("only root can start a process as another account")
     with open(os.path.join(agents.folder, "keltop.Global%5CM"), "wb") as file:
         os.fchmod(file.fileno(), 0o600)
-    other = agents.start(user=NOBODY, group=NOBODY, extra_groups=[])
+    other = agents.start(**AS_NOBODY)
     assert other.obtain("create-mutex", "M") == ("0", DENIED)
     assert other.ask("exclusive-mutex", "M") == "0"
 
@@ -468,7 +465,7 @@ def test_a_file_that_others_may_not_open_denies_access(agents):
 def test_an_object_is_for_every_account(agents):
     """Either account creates, the other opens, sets and waits, whatever the umask; the folder is sticky."""
     agents.command = nobody_can_run(agents)
-    for first, second in (({}, as_nobody()), (as_nobody(), {})):
+    for first, second in (({}, AS_NOBODY), (AS_NOBODY, {})):
         one, two = agents.start(umask=0o077, **first), agents.start(umask=0o077, **second)
         event, error = one.obtain("create-event", "E")
         assert error == NONE
@@ -491,7 +488,7 @@ def test_an_object_is_for_every_account(agents):
 @as_root
 def test_what_another_account_left_behind_is_taken_over(agents):
     agents.command = nobody_can_run(agents)
-    for first, second in (({}, as_nobody()), (as_nobody(), {})):
+    for first, second in (({}, AS_NOBODY), (AS_NOBODY, {})):
         one, two = agents.start(**first), agents.start(**second)
         event, _ = one.obtain("create-event", "E")
         assert one.ask("set", event) == "0"
@@ -501,10 +498,6 @@ def test_what_another_account_left_behind_is_taken_over(agents):
         two.ask("close", event)
         assert two.obtain("open-event", "E") == ("0", NOT_FOUND)
         two.kill()
-
-
-def as_nobody():
-    return {"user": NOBODY, "group": NOBODY, "extra_groups": []}
 
 
 def nobody_can_run(agents):

@@ -3,7 +3,6 @@
 import contextlib
 import fcntl
 import os
-import shutil
 import signal
 import socket
 import struct
@@ -13,17 +12,15 @@ import time
 
 import pytest
 
-from conftest import HEAD, eventually, is_listening, listening_on, without_trace
+from conftest import AS_NOBODY, HEAD, as_root, eventually, is_listening, listening_on, without_trace
 
 pytestmark = pytest.mark.skipif("config.getoption('--keltop').endswith('.exe')",
                                 reason="a Wine process gets no signals, and its shutdown event is everybody's")
-as_root = pytest.mark.skipif(os.geteuid() != 0, reason="only root can start a process as another account")
 
 BOUND = 5.0  # seconds that an end may take on a busy machine; it is meant to take less than one
 OBSERVED = 0.3  # seconds for which something is watched not to happen
 WORKERS = 16  # connections that are served at the same time
 OBJECT, TIMEOUT = 0, 258
-NOBODY = 65534
 RAW, HTTP = ["-raw"], []
 MODES = pytest.mark.parametrize("mode", [HTTP, RAW], ids=["http", "raw"])
 
@@ -237,12 +234,8 @@ def test_ctrl_c_and_window_closed_together(keltop, mode):
 @as_root
 def test_listeners_of_other_accounts_end_too(keltop):
     os.chmod(keltop.objects, 0o1777)
-    copy = os.path.join(keltop.folder, "keltop")  # the build may lie in a home folder
-    shutil.copy(keltop.command[-1], copy)
-    os.chmod(copy, 0o755)
-    keltop.command = [copy]
-    nobody = {"user": NOBODY, "group": NOBODY, "extra_groups": []}
-    for first, second in (({}, nobody), (nobody, {})):
+    keltop.command = [keltop.for_everybody()]
+    for first, second in (({}, AS_NOBODY), (AS_NOBODY, {})):
         listeners = [keltop.listen(**first), keltop.listen(*RAW, **second)]
         listeners[1][0].send_signal(signal.SIGINT)
         assert wait_for_all(listeners) == [0, 0]

@@ -13,10 +13,9 @@ import time
 
 import pytest
 
-from conftest import (Agents, ECHOED_BANNER, ECHOED_STOP, LONG, START_BANNER, TIME_STAMP, eventually, free_port,
-                      without_trace)
+from conftest import (AS_NOBODY, Agents, ECHOED_BANNER, ECHOED_STOP, LONG, START_BANNER, TIME_STAMP, as_root,
+                      eventually, free_port, without_trace)
 
-NOBODY = 65534
 FULL = 50_000_000
 
 MARKER = rb"LOG1067 (\d{4,}) (\d{4,}) " + TIME_STAMP + rb" FFFFFFFF File opened\r\n"
@@ -26,7 +25,6 @@ LINE = re.compile(rb"LOG1067 (\d{4,}) \d{4,} (?:" + TIME_STAMP + rb")? [0-9A-F]{
 
 linux_files = pytest.mark.skipif("config.getoption('--trace-agent').endswith('.exe')",
                                  reason="the file system's own rules are others there")
-as_root = pytest.mark.skipif(os.geteuid() != 0, reason="only root can start a process as another account")
 FLOOD_LINE = re.compile(rb"LOG1067 \d{4,} \d{4,} " + TIME_STAMP +
                         rb" (?:00000006 ([AB]):(\d+):x+|FFFFFFFF File opened)\r\n")
 
@@ -252,7 +250,7 @@ def test_a_deleted_file_is_made_anew(keltop, trace_agent):
 def test_a_read_only_folder_is_waited_out(keltop, trace_agent):
     folder = os.path.dirname(live_path(keltop))
     os.chmod(keltop.objects, 0o777)
-    agent = trace_agent("steps", user=NOBODY, group=NOBODY)
+    agent = trace_agent("steps", **AS_NOBODY)
     agent.write("lost")
     assert os.listdir(folder) == []
     os.chmod(folder, 0o777)
@@ -487,3 +485,17 @@ def test_static_objects_may_trace_before_and_after_the_controller(keltop, reques
     if not keltop.windows:  # there the controller is made before, and so ends after, the objects of that file
         assert b"much too late" not in live(keltop)
     assert b"after the stop" not in live(keltop)
+
+
+@as_root
+def test_every_account_writes_to_the_same_file(keltop):
+    """Whoever comes first, whatever the umask; the folder is sticky, as the installation makes it."""
+    folder = os.path.join(keltop.data, "TRACELOGS")
+    os.chmod(folder, 0o1777)
+    keltop.command = [keltop.for_everybody()]
+    for first, second in (({}, AS_NOBODY), (AS_NOBODY, {})):
+        assert keltop.run("-h", umask=0o077, **first).returncode == 0
+        assert keltop.run("-h", umask=0o077, **second).returncode == 0
+        with open(os.path.join(folder, "LOG1067.ltt"), "rb") as file:
+            assert file.read().count(b"KELTOP - Built on") == 2
+        os.remove(os.path.join(folder, "LOG1067.ltt"))

@@ -20,9 +20,9 @@ namespace keltop::platform {
 
 namespace {
 
-/// Read and write for all; the account's umask narrows it.
+/// Read and write for all: the program is run by more than one account, and all write to the same files.
 constexpr mode_t kFileMode = 0666;
-constexpr mode_t kFolderMode = 0777;
+constexpr mode_t kFolderMode = 01777;
 
 /// The bytes of an open file that are locked; they lie past any content. The locks end with their process.
 enum class LockByte : std::int64_t {
@@ -63,6 +63,20 @@ bool holdGate(int file) noexcept {
     }
   }
   return false;
+}
+
+/// Without O_CREAT first: fs.protected_regular refuses it on another account's file in a sticky folder. A file that is
+/// made gets its mode whatever the umask says.
+int openOrCreate(const std::string& path) noexcept {
+  constexpr int kFlags = O_RDWR | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+  int file = ::open(path.c_str(), kFlags);
+  if (file < 0 && errno == ENOENT) {
+    file = ::open(path.c_str(), kFlags | O_CREAT, kFileMode);
+    if (file >= 0) {
+      (void)::fchmod(file, kFileMode);
+    }
+  }
+  return file;
 }
 
 bool openForAppending(const std::string& path) noexcept {
@@ -111,8 +125,7 @@ bool probeFile(const std::string& path) noexcept {
 }
 
 FileHandle openSharedAppend(const std::string& path) noexcept {
-  const FileHandle file =
-      ::open(path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, kFileMode);
+  const FileHandle file = openOrCreate(path);
   struct stat status = {};
   // A pipe or a device in the file's place could hang the writer.
   if (file != kNoFile && (::fstat(file, &status) != 0 || !S_ISREG(status.st_mode))) {
@@ -190,7 +203,8 @@ bool pathExists(const std::string& path) noexcept {
 }
 
 bool makeFolder(const std::string& path) noexcept {
-  return ::mkdir(path.c_str(), kFolderMode) == 0;
+  // The mode again, past the umask.
+  return ::mkdir(path.c_str(), kFolderMode) == 0 && ::chmod(path.c_str(), kFolderMode) == 0;
 }
 
 std::vector<FoundFile> findFiles(const std::string& folder, const std::string& pattern) {
