@@ -488,6 +488,7 @@ def test_static_objects_may_trace_before_and_after_the_controller(keltop, reques
 
 
 @as_root
+@linux_files
 def test_every_account_writes_to_the_same_file(keltop):
     """Whoever comes first, whatever the umask; the folder is sticky, as the installation makes it."""
     folder = os.path.join(keltop.data, "TRACELOGS")
