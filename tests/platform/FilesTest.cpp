@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/Files.h"
+#include "support/OnWindows.h"
 #include "support/TemporaryFolder.h"
 
 namespace keltop::platform {
@@ -164,7 +165,9 @@ TEST_F(Files, aSearchTellsTimesAndSize) {
   ASSERT_EQ(found.size(), 1U);
   EXPECT_EQ(found[0].size, 5U);
   EXPECT_NEAR(static_cast<double>(found[0].written), static_cast<double>(now - 86400), 30);
-  EXPECT_NEAR(static_cast<double>(found[0].created), static_cast<double>(now), 30);
+  if (!onWindows()) {  // Wine tells the time of writing instead
+    EXPECT_NEAR(static_cast<double>(found[0].created), static_cast<double>(now), 30);
+  }
   EXPECT_NEAR(static_cast<double>(found[0].accessed), static_cast<double>(now), 30);
 }
 

@@ -5,6 +5,7 @@
 
 import contextlib
 import fcntl
+import io
 import os
 import pty
 import re
@@ -50,6 +51,19 @@ Options:
 def listening_on(port):
     """What a listener shows next; the number as it was asked for."""
     return b"Press Ctrl-C to stop.\nListening on: %d\r\n\n" % port
+
+
+def port_in_use(keltop, port):
+    """The library's texts for it; Windows may give either reason for a port that somebody has to himself."""
+    texts = [b"Error: Net Exception: Address already in use: 0.0.0.0:%d\n" % port]
+    if keltop.windows:
+        texts.append(b"Error: I/O error: Permission denied\n")
+    return [listening_on(port) + text for text in texts]
+
+
+def windows_cannot(reason):
+    """Marks a test that tells of something that is not so on Windows, or not under Wine."""
+    return pytest.mark.skipif("config.getoption('--keltop').endswith('.exe')", reason=reason)
 
 
 def pytest_addoption(parser):
@@ -228,6 +242,8 @@ class Keltop:
         os.makedirs(self.objects)
         os.makedirs(os.path.join(self.data, "TRACELOGS"))
         self.env = {**os.environ, "KELTOP_OBJECT_DIR": self.objects, "KELTOP_DATA_LOCATION": self.data}
+        if self.windows:
+            wine.set_data_location(self.data)
         self._started = []
 
     def for_everybody(self):
@@ -241,6 +257,11 @@ class Keltop:
     def text_mode(self, output):
         """Undoes the line ends of the Windows run-time library's text mode."""
         return output.replace(b"\r\n", b"\n") if self.windows else output
+
+    def open_output(self, path):
+        """What a console file holds, to be read like the file."""
+        with open(path, "rb") as file:
+            return io.BytesIO(self.text_mode(file.read()))
 
     def run(self, *switches, timeout=60, **options):
         """Runs the program to its end; standard input is empty unless given."""

@@ -19,7 +19,7 @@ import time
 
 import pytest
 
-from conftest import LONG, eventually, free_port, is_listening
+from conftest import LONG, eventually, free_port, is_listening, port_in_use
 
 DATE = rb"(?:Mon|Tue|Wed|Thu|Fri|Sat|Sun), \d\d [A-Z][a-z]{2} \d{4} \d\d:\d\d:\d\d GMT"
 TRACE_ECHO = re.compile(rb"LOG1067 [^\n]*\n")  # a trace line may come between any two lines of the console
@@ -712,14 +712,6 @@ def test_the_python_client(server, method):
 
 
 # The port
-
-
-def port_in_use(keltop, port):
-    """The library's texts for it; Windows may give either reason for a port that somebody has to himself."""
-    texts = [b"Error: Net Exception: Address already in use: 0.0.0.0:%d\n" % port]
-    if keltop.windows:
-        texts.append(b"Error: I/O error: Permission denied\n")
-    return [announcement(port) + text for text in texts]
 
 
 @pytest.mark.parametrize("switches", [[], ["-raw"]])

@@ -256,7 +256,7 @@ def test_a_response_of_100_megabytes(keltop, nginx):
             file.write(pattern)
     output = os.path.join(keltop.folder, "console")
     assert measured_run(keltop, f"https://127.0.0.1:{port}/files", output) < 3 * size
-    with open(output, "rb") as console:
+    with keltop.open_output(output) as console:
         console.seek(-size - 2 - 6 - len(STOP_LINE), os.SEEK_END)
         assert console.read(6) == b"\r\n\r\n\r\n"[-6:]
         for _ in range(size // len(pattern)):

@@ -147,6 +147,8 @@ VALUES = {
 @pytest.mark.parametrize("name", VALUES)
 @pytest.mark.parametrize("post", [b"-rsi", b"-isi"])
 def test_values_of_every_kind(keltop, post, name):
+    if keltop.windows and (name.startswith("64 KB") or not VALUES[name][0].isascii()):
+        pytest.skip("a command line there has at most 32,767 characters, of the system's code page")
     typed, in_json, in_xml = VALUES[name]
     switches = [b"-room", typed, b"-fname", typed]
     body = payload(keltop, post, b"json", *switches)

@@ -7,7 +7,7 @@ import subprocess
 
 import pytest
 
-from conftest import LONG, free_port
+from conftest import LONG, free_port, windows_cannot
 from peers import Peer, exchange_of, masked, read_request, reset
 
 BODY = (b'<?xml version="1.0" encoding="ISO-8859-1"?>\r\n<inventory>\n'
@@ -19,6 +19,7 @@ BODY_LENGTH = len(BODY) - len(b"DATE") + 8 - len(b"TIME") + 8
 
 # Switches that make a payload too large for the buffers between two sockets: as long as the peer does not read, the
 # post is still being sent.
+long_command = windows_cannot("a command line has at most 32,767 characters there")
 LARGE = ["-room", '"' * 120000]
 
 
@@ -88,6 +89,7 @@ def test_a_peer_that_does_not_accept_times_out(keltop):
     assert re.fullmatch(rb"Post\(1025\) 127\.0\.0\.1 \d+\nPost\(1040\) Error: Timeout: connect timed out[^\n]*\n", console)
 
 
+@windows_cannot("descriptors have no limit there")
 def test_no_descriptor_left_to_connect_with(keltop):
     """Some number of descriptors is enough for everything but the connection; its failure is none of the network's."""
     port = free_port()
@@ -103,6 +105,7 @@ def test_no_descriptor_left_to_connect_with(keltop):
     assert b"Post(1025) 127.0.0.1 %d\nPost(1045) Unknown error\n" % port in seen
 
 
+@long_command
 def test_a_reply_shows_its_first_piece_only(keltop):
     def serve(peer, connection):
         connection.sendall(b"r" * 5000)  # there long before the request is out
@@ -114,6 +117,7 @@ def test_a_reply_shows_its_first_piece_only(keltop):
     assert console.endswith(b"</inventory>\n\r\n\n\r\nReceived:\r\n" + b"r" * 2048 + b"\n")
 
 
+@long_command
 def test_a_reply_is_read_as_a_terminated_text(keltop):
     def serve(peer, connection):
         connection.sendall(b"seen\0unseen")
@@ -124,6 +128,7 @@ def test_a_reply_is_read_as_a_terminated_text(keltop):
     assert console.endswith(b"\n\r\nReceived:\r\nseen\n")
 
 
+@long_command
 def test_a_peer_that_sends_nothing_and_closes(keltop):
     def serve(peer, connection):
         connection.shutdown(socket.SHUT_WR)
@@ -134,6 +139,7 @@ def test_a_peer_that_sends_nothing_and_closes(keltop):
     assert console.endswith(b"</inventory>\n\r\n\nPost(1089) Zerio bytes read\n")
 
 
+@long_command
 def test_reset_while_sending(keltop):
     def serve(peer, connection):
         assert connection.recv(1000)
@@ -144,6 +150,7 @@ def test_reset_while_sending(keltop):
     assert console.endswith(b"</inventory>\n\r\n\nPost(1064) Error: Connection reset by peer\n")
 
 
+@long_command
 def test_a_pipe_that_breaks_while_sending(keltop):
     def serve(peer, connection):
         connection.shutdown(socket.SHUT_WR)
@@ -155,6 +162,7 @@ def test_a_pipe_that_breaks_while_sending(keltop):
     assert console.endswith(b"</inventory>\n\r\n\nPost(1074) Unknown error\n")
 
 
+@windows_cannot("the wait of some microseconds is over before")
 def test_reset_while_receiving(keltop):
     """The reset has to come within the wait of some microseconds that the system rounds up; it does sooner or later."""
     def serve(peer, connection):

@@ -482,11 +482,13 @@ def test_static_objects_may_trace_before_and_after_the_controller(keltop, reques
     assert (done.returncode, done.stderr) == (0, b"")
     expected = [b"File opened", b"made early", b"made in main"]
     assert texts(live(keltop))[:3] == expected
-    assert b"much too late" not in live(keltop)
+    if not keltop.windows:  # there the controller is made before, and so ends after, the objects of that file
+        assert b"much too late" not in live(keltop)
     assert b"after the stop" not in live(keltop)
 
 
 @as_root
+@linux_files
 def test_every_account_writes_to_the_same_file(keltop):
     """Whoever comes first, whatever the umask; the folder is sticky, as the installation makes it."""
     folder = os.path.join(keltop.data, "TRACELOGS")

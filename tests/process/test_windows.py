@@ -105,3 +105,22 @@ def test_a_listener_started_while_the_event_is_set_stops_at_once(keltop, agents)
     event, _ = setter.obtain("create-event", "KELTOP_SHUTDOWN")
     assert setter.ask("set", event) == "0"
     assert keltop.run("-p", str(free_port()), timeout=LONG).returncode == 0
+
+
+# Where the traces go
+
+
+def test_the_registry_moves_the_traces(keltop):
+    assert keltop.run("-h").returncode == 0
+    assert os.listdir(os.path.join(keltop.data, "TRACELOGS")) == ["LOG1067.ltt"]
+
+
+def test_without_a_value_in_the_32_bit_view_they_go_to_drive_c(keltop, tmp_path):
+    wine.clear_data_location()
+    wine.set_data_location(tmp_path, view=64)
+    (tmp_path / "TRACELOGS").mkdir()
+    folder = os.path.join(os.environ["WINEPREFIX"], "drive_c", "vs", "TRACELOGS")
+    os.makedirs(folder)
+    assert keltop.run("-h").returncode == 0
+    assert os.listdir(folder) == ["LOG1067.ltt"]
+    assert os.listdir(tmp_path / "TRACELOGS") == []

@@ -10,6 +10,9 @@ import shutil
 import subprocess
 import tempfile
 
+INSTALLATION_KEY = r"HKLM\Software\Microsoft\Windows\CurrentVersion\Uninstall\tarvik"
+DATA_LOCATION = "DataLocation"
+
 
 def make_prefix(template):
     """A prefix like the template, in which Wine runs. Programs are shared with the template, by hard links; the
@@ -34,11 +37,18 @@ def remove_prefix(prefix):
     shutil.rmtree(os.path.dirname(prefix), ignore_errors=True)
 
 
-def set_data_location(folder):
+def set_data_location(folder, view=32):
     """What the installation would have set; where the program looks for the folder of its traces."""
-    subprocess.run(["wine", "reg", "add", r"HKLM\Software\Microsoft\Windows\CurrentVersion\Uninstall\tarvik", "/v",
-                    "DataLocation", "/d", windows_path(folder), "/f", "/reg:32"], stdin=subprocess.DEVNULL,
-                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=True)
+    registry("add", "/v", DATA_LOCATION, "/d", windows_path(folder), "/f", f"/reg:{view}")
+
+
+def clear_data_location():
+    registry("delete", "/v", DATA_LOCATION, "/f", "/reg:32")
+
+
+def registry(verb, *options):
+    subprocess.run(["wine", "reg", verb, INSTALLATION_KEY, *options], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                   stderr=subprocess.DEVNULL, check=True)
 
 
 def windows_path(path):
