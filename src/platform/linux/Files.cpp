@@ -8,11 +8,10 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <filesystem>
 #include <system_error>
-#include <thread>
 
+#include "platform/linux/ByteLock.h"
 #include "platform/linux/FileDescriptor.h"
 #include "platform/linux/NameMatch.h"
 
@@ -25,45 +24,8 @@ constexpr mode_t kFileMode = 0666;
 constexpr mode_t kFolderMode = 01777;
 
 /// The bytes of an open file that are locked; they lie past any content. The locks end with their process.
-enum class LockByte : std::int64_t {
-  append = 0x7FFF'FFFF'0000'0000,  ///< exclusive: somebody writes, or copies and truncates
-  use = 0x7FFF'FFFF'0000'0001,     ///< shared: somebody has the file open for appending
-};
-
-/// Whoever holds back the writers longer is stopped; its file must not stop everybody else.
-constexpr auto kGatePatience = std::chrono::seconds(2);
-constexpr auto kGateRetry = std::chrono::microseconds(100);
-
-struct flock lockOf(LockByte byte, short type) noexcept {
-  struct flock lock = {};
-  lock.l_type = type;
-  lock.l_whence = SEEK_SET;
-  lock.l_start = static_cast<off_t>(byte);
-  lock.l_len = 1;
-  return lock;
-}
-
-bool setLock(int file, LockByte byte, short type) noexcept {
-  struct flock lock = lockOf(byte, type);
-  return ::fcntl(file, F_OFD_SETLK, &lock) == 0;
-}
-
-bool holdGate(int file) noexcept {
-  if (setLock(file, LockByte::append, F_WRLCK)) {
-    return true;
-  }
-  const auto deadline = std::chrono::steady_clock::now() + kGatePatience;
-  while (errno == EAGAIN || errno == EACCES) {
-    if (std::chrono::steady_clock::now() >= deadline) {
-      return false;
-    }
-    std::this_thread::sleep_for(kGateRetry);
-    if (setLock(file, LockByte::append, F_WRLCK)) {
-      return true;
-    }
-  }
-  return false;
-}
+constexpr std::int64_t kAppendByte = 0x7FFF'FFFF'0000'0000;  ///< exclusive: somebody writes, or copies and truncates
+constexpr std::int64_t kUseByte = 0x7FFF'FFFF'0000'0001;     ///< shared: somebody has the file open for appending
 
 /// Without O_CREAT first: fs.protected_regular refuses it on another account's file in a sticky folder. A file that is
 /// made gets its mode whatever the umask says.
@@ -82,8 +44,7 @@ int openOrCreate(const std::string& path) noexcept {
 bool openForAppending(const std::string& path) noexcept {
   // Without O_NONBLOCK a pipe under the name would hang the opener.
   const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
-  struct flock lock = lockOf(LockByte::use, F_WRLCK);
-  return file.valid() && ::fcntl(file.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+  return file.valid() && byteLockedElsewhere(file.get(), kUseByte).value_or(false);
 }
 
 /// The text up to where the disk was full, which is taken off again unless somebody has written past it.
@@ -133,7 +94,7 @@ FileHandle openSharedAppend(const std::string& path) noexcept {
     return kNoFile;
   }
   if (file != kNoFile) {
-    (void)setLock(file, LockByte::use, F_RDLCK);
+    (void)setByteLock(file, kUseByte, F_RDLCK);
   }
   return file;
 }
@@ -170,11 +131,11 @@ bool truncateFile(FileHandle file, std::int64_t size) noexcept {
   return ::ftruncate(file, size) == 0;
 }
 
-AppendGate::AppendGate(FileHandle file) noexcept : file_(file), held_(holdGate(file)) {}
+AppendGate::AppendGate(FileHandle file) noexcept : file_(file), held_(waitForByteLock(file, kAppendByte)) {}
 
 AppendGate::~AppendGate() {
   if (held_) {
-    (void)setLock(file_, LockByte::append, F_UNLCK);
+    (void)setByteLock(file_, kAppendByte, F_UNLCK);
   }
 }
 

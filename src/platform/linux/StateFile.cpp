@@ -9,8 +9,9 @@
 #include <cstddef>
 #include <cstring>
 #include <limits>
-#include <thread>
 #include <type_traits>
+
+#include "platform/linux/ByteLock.h"
 
 namespace keltop::platform {
 
@@ -18,10 +19,6 @@ namespace {
 
 constexpr std::array<char, 8> kMagic = {'K', 'E', 'L', 'T', 'O', 'B', 'J', '1'};
 constexpr mode_t kModeForAll = 0666;
-
-/// A holder changes a few bytes under the state lock; one that keeps it this long is stopped or means harm.
-constexpr auto kLockPatience = std::chrono::seconds(2);
-constexpr auto kLockRetry = std::chrono::microseconds(200);
 
 struct Content {
   std::array<char, 8> magic = kMagic;
@@ -36,18 +33,8 @@ bool writeAt(int file, const void* bytes, std::size_t length, std::size_t offset
   return ::pwrite(file, bytes, length, static_cast<off_t>(offset)) == static_cast<ssize_t>(length);
 }
 
-struct flock lockOf(StateFile::LockByte byte, short type) noexcept {
-  struct flock lock = {};
-  lock.l_type = type;
-  lock.l_whence = SEEK_SET;
-  lock.l_start = static_cast<off_t>(byte);
-  lock.l_len = 1;
-  return lock;
-}
-
-bool setLock(int file, StateFile::LockByte byte, short type) noexcept {
-  struct flock lock = lockOf(byte, type);
-  return ::fcntl(file, F_OFD_SETLK, &lock) == 0;
+std::int64_t numberOf(StateFile::LockByte byte) noexcept {
+  return static_cast<std::int64_t>(byte);
 }
 
 bool plausible(const Content& content) noexcept {
@@ -134,31 +121,23 @@ void StateFile::touch() const noexcept {
 }
 
 bool StateFile::tryLockExclusive(LockByte byte) const noexcept {
-  return setLock(descriptor(), byte, F_WRLCK);
+  return setByteLock(descriptor(), numberOf(byte), F_WRLCK);
 }
 
 bool StateFile::tryLockShared(LockByte byte) const noexcept {
-  return setLock(descriptor(), byte, F_RDLCK);
+  return setByteLock(descriptor(), numberOf(byte), F_RDLCK);
 }
 
 void StateFile::unlock(LockByte byte) const noexcept {
-  (void)setLock(descriptor(), byte, F_UNLCK);
+  (void)setByteLock(descriptor(), numberOf(byte), F_UNLCK);
 }
 
 bool StateFile::lockedElsewhere(LockByte byte) const noexcept {
-  struct flock lock = lockOf(byte, F_WRLCK);
-  return ::fcntl(descriptor(), F_OFD_GETLK, &lock) != 0 || lock.l_type != F_UNLCK;
+  return byteLockedElsewhere(descriptor(), numberOf(byte)).value_or(true);
 }
 
 bool StateFile::lockState() const noexcept {
-  const auto deadline = std::chrono::steady_clock::now() + kLockPatience;
-  while (!tryLockExclusive(LockByte::state)) {
-    if ((errno != EAGAIN && errno != EACCES) || std::chrono::steady_clock::now() >= deadline) {
-      return false;
-    }
-    std::this_thread::sleep_for(kLockRetry);
-  }
-  return true;
+  return waitForByteLock(descriptor(), numberOf(LockByte::state));
 }
 
 std::optional<StateFile::Identity> StateFile::identity() const noexcept {

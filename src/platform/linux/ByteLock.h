@@ -1,0 +1,21 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+namespace keltop::platform {
+
+/// Locks on single bytes of an open file, past any content, that the kernel holds for the open file description: they
+/// vanish with it, however its process ends, and tell open files apart, not threads.
+
+/// Takes, changes or gives up (F_WRLCK, F_RDLCK, F_UNLCK) the lock on that byte without waiting; errno after false.
+[[nodiscard]] bool setByteLock(int file, std::int64_t byte, short type) noexcept;
+
+/// Takes the lock exclusively, waiting for a bounded time: holders keep it for an instant, and one that is stopped or
+/// means harm must make nobody hang.
+[[nodiscard]] bool waitForByteLock(int file, std::int64_t byte) noexcept;
+
+/// Whether some other open file holds a lock on that byte; nothing when the system does not tell.
+[[nodiscard]] std::optional<bool> byteLockedElsewhere(int file, std::int64_t byte) noexcept;
+
+}  // namespace keltop::platform
