@@ -9,7 +9,14 @@ namespace {
 /// From this size on a text is written straight through: collecting it would only copy it.
 constexpr std::size_t kWriteThroughSize = 65536;
 
+/// Room for what is usually printed between two flushes, so that collecting it does not move it again and again.
+constexpr std::size_t kUsualBlockSize = 1024;
+
 }  // namespace
+
+ConsoleStream::Buffer::Buffer() {
+  pending_.reserve(kUsualBlockSize);
+}
 
 ConsoleStream::ConsoleStream() : std::ostream(nullptr) {
   rdbuf(&buffer_);

@@ -21,6 +21,9 @@ class ConsoleStream : public std::ostream {
 
  private:
   class Buffer : public std::streambuf {
+   public:
+    Buffer();
+
    protected:
     int_type overflow(int_type character) override;
     std::streamsize xsputn(const char_type* text, std::streamsize length) override;

@@ -2,12 +2,13 @@
 
 #include <Poco/Exception.h>
 #include <Poco/Net/HTTPResponse.h>
+#include <Poco/NumberFormatter.h>
 #include <Poco/StreamCopier.h>
 #include <Poco/Timestamp.h>
 #include <Poco/URI.h>
 
-#include <sstream>
 #include <string>
+#include <string_view>
 
 #include "product/ConsoleStream.h"
 #include "product/Version.h"
@@ -24,40 +25,42 @@ using Poco::Net::MessageHeader;
 constexpr std::size_t kBodyBufferSize = 8192;
 constexpr unsigned kSiteDump = 418;
 
-std::string serverAgent() {
-  return std::string(kAgentName).append("/").append(kTraceVersion).append(" KELTOP");
+const std::string& serverAgent() {
+  static const std::string agent = std::string(kAgentName).append("/").append(kTraceVersion).append(" KELTOP");
+  return agent;
 }
 
 /// "User-Agent" in a response and the server's own address as "Location" are intended; clients under test see them.
-void setHeaders(const HTTPServerRequest& request, HTTPServerResponse& response) {
+void setHeaders(const std::string& serverAddress, HTTPServerResponse& response) {
   response.setDate(Poco::Timestamp());
   response.set("Connection", "close");
   response.set("Content-Language", "en");
   response.set("User-Agent", serverAgent());
   response.set("Access-Control-Allow-Origin", "*");
-  response.set("Location", request.serverAddress().toString());
+  response.set("Location", serverAddress);
 }
 
-void printHeaders(std::ostream& console, const MessageHeader& headers, const char* lineEnd) {
+void appendHeaders(std::string& text, const MessageHeader& headers, std::string_view lineEnd) {
   for (const auto& [name, value] : headers) {
-    console << name << ": " << value << lineEnd;
+    text.append(name).append(": ").append(value).append(lineEnd);
   }
 }
 
-void printConnection(std::ostream& console, const HTTPServerRequest& request, const Poco::URI& uri) {
+void printConnection(std::ostream& console, const HTTPServerRequest& request, const std::string& serverAddress,
+                     const Poco::URI& uri) {
   console << "Connected:\n"
           << "  Client: " << request.clientAddress().toString() << '\n'
-          << "  Server: " << request.serverAddress().toString() << '\n'
+          << "  Server: " << serverAddress << '\n'
           << "  Path: " << uri.getPath() << '\n'
           << "  Query: " << uri.getQuery() << '\n';
 }
 
 void printRequest(std::ostream& console, const HTTPServerRequest& request, const Poco::URI& uri) {
-  console << "\r\n"
-          << "Request:\n"
-          << request.getMethod() << ' ' << uri.getPathEtc() << ' ' << request.getVersion() << '\n';
-  printHeaders(console, request, "\n");
-  console << '\n';
+  std::string text = "\r\nRequest:\n";
+  text.append(request.getMethod()).append(" ").append(uri.getPathEtc()).append(" ").append(request.getVersion());
+  text.append("\n");
+  appendHeaders(text, request, "\n");
+  console << text.append("\n");
 }
 
 /// What a client says about itself. It is looked up for each request and changes nothing, on purpose.
@@ -90,14 +93,13 @@ void printBody(ConsoleStream& console, HTTPServerRequest& request) {
 
 void printResponse(std::ostream& console, const HTTPServerResponse& response) {
   try {
-    std::ostringstream dump;
     // The status comes first and the version last, the reverse of a status line, on purpose.
     const HTTPResponse::HTTPStatus status = response.getStatus();
-    dump << static_cast<int>(status) << ' ' << HTTPResponse::getReasonForStatus(status) << ' ' << response.getVersion()
-         << "\r\n";
-    printHeaders(dump, response, "\r\n");
-    dump << "\r\n";
-    console << dump.str();
+    std::string dump = Poco::NumberFormatter::format(static_cast<int>(status));
+    dump.append(" ").append(HTTPResponse::getReasonForStatus(status));
+    dump.append(" ").append(response.getVersion()).append("\r\n");
+    appendHeaders(dump, response, "\r\n");
+    console << dump.append("\r\n");
   } catch (const Poco::Exception& error) {
     console.rdbuf()->pubsync();  // what was printed before comes before, also when the stream has failed
     printSiteLine("RestRequestHandler::handleRequest", kSiteDump, "Read error: ", error.displayText());
@@ -105,18 +107,19 @@ void printResponse(std::ostream& console, const HTTPServerResponse& response) {
 }
 
 void RestRequestHandler::handleRequest(HTTPServerRequest& request, HTTPServerResponse& response) {
-  setHeaders(request, response);
+  const std::string serverAddress = request.serverAddress().toString();
+  setHeaders(serverAddress, response);
   const Poco::URI uri(request.getURI());
   // Lines are collected, and flushed where the handler may have to wait for the client.
   ConsoleStream console;
-  printConnection(console, request, uri);
+  printConnection(console, request, serverAddress, uri);
   printRequest(console, request, uri);
   [[maybe_unused]] const ClientWords words(request);
   printBody(console, request);
   response.setStatusAndReason(HTTPResponse::HTTP_OK);
   console << "\r\nResponse:\n";
   printResponse(console, response);
-  console.flush();
+  // Only into the library's buffer, which is sent when the handler has returned: nothing blocks here.
   response.send();
   console << "\r\n\n";
 }
