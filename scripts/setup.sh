@@ -28,6 +28,7 @@ KELTOP_TEST_PACKAGES=(
   "libxml2-utils:independent reader of the XML that the program writes"
   "procps:looks at processes in tests"
   "util-linux:runs tests as another account and in namespaces of their own"
+  "iproute2:takes the way to a peer away in tests"
 )
 
 # What the checks of the source need besides.

@@ -176,6 +176,12 @@ TEST(HttpPost, catchesOnlyTheLibrarysExceptions) {
 }
 
 /// Output that fails at one piece of text, and works before it.
+///
+/// Nothing outside the program can make showing a request or a response fail with an exception of the library: the
+/// phases only read a parsed head (getVersion, getReason, getStatus and the header collection's iterators give
+/// references to what is stored), format it in memory, and print it to a console that drops what cannot be written.
+/// A head that cannot be read fails while it is received, and a memory that is used up is no exception of the library.
+/// So these handlers are reached by an output that throws, and by nothing else.
 class FailingBuffer : public std::streambuf {
  public:
   explicit FailingBuffer(std::string failAt) : failAt_(std::move(failAt)) {}

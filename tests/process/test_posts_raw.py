@@ -1,9 +1,11 @@
 """Raw posts: the hand-written request on the wire, and what each way of failing prints."""
 
 import contextlib
+import os
 import re
 import socket
 import subprocess
+import sys
 
 import pytest
 
@@ -21,6 +23,8 @@ BODY_LENGTH = len(BODY) - len(b"DATE") + 8 - len(b"TIME") + 8
 # post is still being sent.
 long_command = windows_cannot("a command line has at most 32,767 characters there")
 LARGE = ["-room", '"' * 120000]
+
+LOST_NETWORK = os.path.join(os.path.dirname(__file__), "lost_network.py")
 
 
 def post(keltop, url, *switches):
@@ -177,6 +181,39 @@ def test_reset_while_receiving(keltop):
             break
         assert console.endswith(b"</inventory>\n\r\n\nPost(1103) Timeout: Timeout\n")
     assert console.endswith(expected)
+
+
+def in_a_network_of_its_own(how, *command, **options):
+    namespaces = ["--net"] if os.geteuid() == 0 else ["--map-root-user", "--net"]
+    return subprocess.run(["unshare", *namespaces, sys.executable, LOST_NETWORK, how, *command], timeout=60,
+                          stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, **options)
+
+
+def network_can_be_lost():
+    return sys.platform == "linux" and in_a_network_of_its_own("trial", check=False).returncode == 0
+
+
+needs_a_network = pytest.mark.skipif(not network_can_be_lost(), reason="needs a network namespace")
+
+
+@windows_cannot("a network of its own is Linux's")
+@needs_a_network
+@pytest.mark.parametrize("how, shown", [
+    ("unreachable", b"Post(1099) Error: Net Exception: No route to host\n"),
+    ("prohibit", b"Post(1107) Other error\n"),
+])
+def test_the_way_to_the_peer_is_lost_before_the_answer(keltop, how, shown):
+    done = in_a_network_of_its_own(how, *keltop.command, "-isi", "xml", "-raw", env=keltop.env, check=False)
+    assert done.stderr == b""
+    assert exchange_of(done).endswith(b"</inventory>\n\r\n\n" + shown)
+
+
+@windows_cannot("a network of its own is Linux's")
+@needs_a_network
+def test_a_network_that_swallows_what_is_sent(keltop):
+    done = in_a_network_of_its_own("silence", *keltop.command, "-isi", "xml", "-raw", *LARGE, env=keltop.env,
+                                   check=False)
+    assert exchange_of(done).endswith(b"</inventory>\n\r\n\nPost(1069) Error: Timeout\n")
 
 
 def test_a_secure_address_is_posted_raw_all_the_same(keltop):
