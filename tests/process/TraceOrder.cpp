@@ -1,9 +1,14 @@
 // Traces from static objects that are made before the program's controller and destroyed after it, and the other way
 // round.
+//
+//   (nothing)        ends without stopping the trace
+//   stop             stops it before it ends
+//   run SWITCHES...  does what the program does with these switches
 
 #include <string>
 #include <string_view>
 
+#include "app/EntryPoint.h"
 #include "trace/StopTrace.h"
 #include "trace/TraceWrite.h"
 
@@ -37,9 +42,13 @@ const TracesTwice early("early");
 }  // namespace
 }  // namespace keltop
 
-int main(int count, char** /*arguments*/) {
+int main(int count, char** arguments) {
+  const std::string_view word = count > 1 ? arguments[1] : "";
+  if (word == "run") {
+    return keltop::run(count - 1, arguments + 1);
+  }
   static const keltop::TracesTwice inMain("in main");
-  if (count > 1) {
+  if (word == "stop") {
     keltop::stopTrace();
     keltop::traceWrite(0, 0, "after the stop");
   }

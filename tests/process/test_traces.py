@@ -1,5 +1,6 @@
 """Trace files, written by real processes."""
 
+import datetime
 import os
 import random
 import re
@@ -179,17 +180,14 @@ def test_a_full_live_file_is_rotated_by_a_listener(keltop):
         assert re.fullmatch(MARKER + BANNER, file.read())
 
 
-@linux_files
-def test_an_idle_listener_does_not_wake_its_writer_and_has_no_message_threads(keltop):
-    running, _ = keltop.listen()
+def wait_for_an_idle_writer(keltop, running):
+    """Waits for the banner and then until the writer thread is not run for half a second; gives what tells how often
+    it was run."""
     eventually(lambda: os.path.exists(live_path(keltop)) and live(keltop).endswith(b"8.0.26\r\n"), what="the banner")
-    tasks = f"/proc/{running.process.pid}/task"
-    names = [open(f"{tasks}/{task}/comm", encoding="ascii").read() for task in os.listdir(tasks)]
-    assert not [name for name in names if name.startswith("ZMQ")]
     writer = int(re.match(MARKER, live(keltop))[2])
 
     def switches():
-        with open(f"{tasks}/{writer}/status", encoding="ascii") as file:
+        with open(f"/proc/{running.process.pid}/task/{writer}/status", encoding="ascii") as file:
             return [line for line in file if "ctxt_switches" in line]
 
     def settled():
@@ -198,6 +196,28 @@ def test_an_idle_listener_does_not_wake_its_writer_and_has_no_message_threads(ke
         return switches() == before
 
     eventually(settled, what="half a second without the writer")
+    return switches
+
+
+@linux_files
+def test_an_idle_listener_does_not_wake_its_writer_and_has_no_message_threads(keltop):
+    running, _ = keltop.listen()
+    wait_for_an_idle_writer(keltop, running)
+    tasks = f"/proc/{running.process.pid}/task"
+    names = [open(f"{tasks}/{task}/comm", encoding="ascii").read() for task in os.listdir(tasks)]
+    assert not [name for name in names if name.startswith("ZMQ")]
+
+
+@linux_files
+def test_an_idle_writer_wakes_after_thirty_seconds(keltop):
+    running, _ = keltop.listen()
+    switches = wait_for_an_idle_writer(keltop, running)
+    asleep = switches()
+    banner = re.findall(TIME_STAMP, live(keltop))[-1].decode()
+    eventually(lambda: switches() != asleep, timeout=30 + LONG, what="the writer's next look")
+    idle = datetime.datetime.now() - datetime.datetime.strptime(banner, "%Y/%m/%d-%H:%M:%S:%f")
+    assert 30 <= idle.total_seconds() < 30 + LONG
+    assert running.interrupt() == 0
 
 
 # Where nothing can be written
@@ -485,6 +505,18 @@ def test_static_objects_may_trace_before_and_after_the_controller(keltop, reques
     if not keltop.windows:  # there the controller is made before, and so ends after, the objects of that file
         assert b"much too late" not in live(keltop)
     assert b"after the stop" not in live(keltop)
+
+
+def test_the_exit_stops_the_trace_before_static_objects_end(keltop, request):
+    """Not the controller's own end, which comes after theirs: what they trace is too late."""
+    command = shlex.split(request.config.getoption("--trace-agent"))
+    command[-1] = command[-1].replace("keltop_trace_agent", "keltop_trace_order")
+    done = subprocess.run([*command, "run", "-h"], env=keltop.env, timeout=60, capture_output=True, check=False)
+    assert (done.returncode, done.stderr) == (0, b"")
+    found = texts(live(keltop))
+    assert found[:2] == [b"File opened", b"made early"]
+    assert re.fullmatch(START_BANNER, found[2])
+    assert found[3:] == [b""]
 
 
 @as_root
