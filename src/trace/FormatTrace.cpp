@@ -11,6 +11,7 @@ namespace keltop {
 namespace {
 
 constexpr std::string_view kLineEnd = "\r\n";
+constexpr std::size_t kTimeStampLength = 23;
 constexpr std::size_t kIdWidth = 4;
 constexpr std::size_t kTypeWidth = 8;
 
@@ -37,6 +38,7 @@ void appendNumber(std::string& text, std::uint32_t number, std::size_t width, ch
 
 std::string timeStamp(const platform::LocalTime& time) {
   std::string text;
+  text.reserve(kTimeStampLength);
   appendNumber(text, time.year, 4);
   for (const auto& [separator, number] :
        {std::pair('/', time.month), std::pair('/', time.day), std::pair('-', time.hour), std::pair(':', time.minute),
