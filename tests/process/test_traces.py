@@ -93,7 +93,8 @@ def trace_agent(request, keltop):
 # What every run leaves
 
 
-@pytest.mark.parametrize("switches", [("-h",), ("-?", "-p", "80"), ("-raw",), ("-p", "0"), ("-p", "x", "-raw")])
+@pytest.mark.parametrize("switches", [("-h",), ("-?", "-p", "80"), ("-raw",), ("-p", "0"), ("-p", "x", "-raw"),
+                                      ("-rsi", "json"), ("-isi", "xml", "-url", "http://[::1/")])
 def test_a_run_that_ends_leaves_a_complete_file(keltop, switches):
     done = keltop.run(*switches)
     content = live(keltop)
@@ -293,6 +294,30 @@ def test_a_full_disk_is_waited_out_and_leaves_no_torn_line(keltop, trace_agent):
     after = written()
     assert after[:len(before)] == before
     assert after[-2:] == [b"File opened", b"two"]
+
+
+@linux_files
+@pytest.mark.skipif(not can_mount(), reason="needs root and a mount namespace for a machine's settings")
+@pytest.mark.parametrize("settings, place", [("DataLocation=/mnt\n", "mnt"), ("DataLocation=\n", "lib"), (None, "lib")],
+                         ids=["set", "empty", "missing"])
+def test_the_machines_settings_name_the_folder(keltop, settings, place):
+    """The settings file and both folders as the program finds them on a machine, in a view of the disk of its own."""
+    folders = {name: os.path.join(keltop.folder, name) for name in ("etc", "mnt", "lib")}
+    for folder in folders.values():
+        os.makedirs(folder)
+    os.makedirs(os.path.join(folders["mnt"], "TRACELOGS"))
+    os.makedirs(os.path.join(folders["lib"], "vs", "TRACELOGS"))
+    if settings is not None:
+        with open(os.path.join(folders["etc"], "tarvik.conf"), "w", encoding="ascii") as file:
+            file.write(settings)
+    mount = (f'mount --bind "{folders["mnt"]}" /mnt && mount --bind "{folders["lib"]}" /var/lib && '
+             f'mount --bind "{folders["etc"]}" /etc && exec "$@"')
+    keltop.command = ["unshare", "-m", "sh", "-c", mount, "sh", *map(os.path.abspath, keltop.command)]
+    env = {name: value for name, value in keltop.env.items() if name != "KELTOP_DATA_LOCATION"}
+    assert keltop.run("-h", env=env).returncode == 0
+    written = {at for name in ("mnt", "lib") for at, _, files in os.walk(folders[name]) if files}
+    expected = {"mnt": ("mnt", "TRACELOGS"), "lib": ("lib", "vs", "TRACELOGS")}[place]
+    assert written == {os.path.join(keltop.folder, *expected)}
 
 
 # Several processes

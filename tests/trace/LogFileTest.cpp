@@ -1,13 +1,19 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include "platform/Identity.h"
+#include "semaphore/MutexAutoLock.h"
 #include "support/OnWindows.h"
+#include "support/UniqueName.h"
 #include "trace/FormatTrace.h"
 #include "trace/LogFile.h"
 #include "trace/ThreadLogData.h"
@@ -329,6 +335,28 @@ TEST_F(LogFileTest, whatCannotBeArchivedStays) {
   file_.changeDay();
   EXPECT_EQ(filesIn(traces()), (Names{"ARCHIVE", "LOG1067-1.ltt", kCopy, kLive}));
   EXPECT_EQ(live(), opened());
+}
+
+TEST_F(LogFileTest, aRotationAndADayChangeWaitForTheirTurn) {
+  const std::string name = "LOG" + uniqueName();
+  for (void (LogFile::*const tend)() : {&LogFile::checkSize, &LogFile::changeDay}) {
+    LogFile file(1, 1067, name);
+    file.write("line\r\n");
+    fs::resize_file(trace(name + ".ltt"), kFull);
+    file.write("line\r\n");
+    auto turn = std::make_unique<SEMAPHORE::MutexAutoLock>(name);
+    std::atomic<bool> done = false;
+    std::thread tending([&] {
+      (file.*tend)();
+      done = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // the time that is observed
+    EXPECT_FALSE(done);
+    EXPECT_GE(fs::file_size(trace(name + ".ltt")), kFull);
+    turn.reset();
+    tending.join();
+    EXPECT_LT(fs::file_size(trace(name + ".ltt")), kFull);
+  }
 }
 
 TEST_F(LogFileTest, aRotationDoesNotTouchTheArchive) {
