@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -338,21 +337,17 @@ TEST_F(LogFileTest, whatCannotBeArchivedStays) {
 }
 
 TEST_F(LogFileTest, aRotationAndADayChangeWaitForTheirTurn) {
-  const std::string name = "LOG" + uniqueName();
   for (void (LogFile::*const tend)() : {&LogFile::checkSize, &LogFile::changeDay}) {
+    const std::string name = "LOG" + uniqueName();
     LogFile file(1, 1067, name);
     file.write("line\r\n");
     fs::resize_file(trace(name + ".ltt"), kFull);
     file.write("line\r\n");
+    const Names before = filesIn(traces());
     auto turn = std::make_unique<SEMAPHORE::MutexAutoLock>(name);
-    std::atomic<bool> done = false;
-    std::thread tending([&] {
-      (file.*tend)();
-      done = true;
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // the time that is observed
-    EXPECT_FALSE(done);
-    EXPECT_GE(fs::file_size(trace(name + ".ltt")), kFull);
+    std::thread tending([&] { (file.*tend)(); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the time that is observed
+    EXPECT_EQ(filesIn(traces()), before) << "no copy has been begun";
     turn.reset();
     tending.join();
     EXPECT_LT(fs::file_size(trace(name + ".ltt")), kFull);
