@@ -124,10 +124,13 @@ def test_without_the_trace_the_output_is_the_help_alone(keltop):
 
 @pytest.mark.parametrize("switches", [(), ("-raw",)])
 def test_a_listener_traces_its_start_and_its_end(keltop, switches):
-    running, _ = keltop.listen(*switches)
+    running, port = keltop.listen(*switches)
     running.wait_for(b"Version: 8.0.26\r\n")
     eventually(lambda: os.path.exists(live_path(keltop)) and live(keltop).endswith(b"8.0.26\r\n"), what="the banner")
     assert re.fullmatch(MARKER + BANNER, live(keltop))
+    with socket.create_connection(("127.0.0.1", port)) as peer:  # what peers send is not traced
+        peer.sendall(b"GET /shown HTTP/1.1\r\n\r\n")
+        running.wait_for(b"GET /shown HTTP/1.1")
     assert running.interrupt() == 0
     assert re.fullmatch(MARKER + BANNER + STOP, live(keltop))
 
