@@ -1,7 +1,9 @@
+#include <Poco/Exception.h>
 #include <gtest/gtest.h>
 
 #include <array>
 #include <limits>
+#include <stdexcept>
 #include <string>
 
 #include "posts/Protocol.h"
@@ -54,6 +56,32 @@ TEST(TestPost, hasNoPayloadForAnotherProtocol) {
   EXPECT_EQ(makePayload(kPost, values, kProtocolForm), "");
   EXPECT_EQ(makePayload(kPost, values, 4), "");
   EXPECT_NE(makePayload(kPost, values, kProtocolXml), "");
+}
+
+TEST(TestPost, reportsAFailureOfTheLibraryAndReturns) {
+  TestPost post = kPost;
+  post.completeXml = [](XmlElement&, const PostValues&) { throw Poco::DataException("why"); };
+  testing::internal::CaptureStdout();
+  EXPECT_NO_THROW(sendTestPost({{"TEST", ""}}, post));
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "PostTEST(1) Error: Data error: why\n");
+}
+
+TEST(TestPost, catchesOnlyTheLibrarysExceptions) {
+  TestPost post = kPost;
+  post.completeJson = [](Poco::JSON::Object&, const PostValues&) { throw std::runtime_error("why"); };
+  testing::internal::CaptureStdout();
+  EXPECT_THROW(sendTestPost({{"TEST", "json"}}, post), std::runtime_error);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+}
+
+TEST(TestPost, buildsThePayloadEvenWithoutAnAddress) {
+  static int built = 0;
+  TestPost post = kPost;
+  post.completeJson = [](Poco::JSON::Object&, const PostValues&) { ++built; };
+  testing::internal::CaptureStdout();
+  sendTestPost({{"TEST", "json"}}, post);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Post(985) Error: No URL given\n");
+  EXPECT_EQ(built, 1);
 }
 
 TEST(TestPost, writesNumbersInPlainDecimal) {

@@ -43,6 +43,7 @@ PRESS_ANY_KEY = b"\r\npress any key"
 NO_PORT = b"No port number specified.\n"
 INVALID_PORT = b"Invalid port number specified.\n"
 NOT_RUNNING = b"Server not running, shutting down.\n"
+NO_URL = b"Post(985) Error: No URL given\n"
 
 OBSERVED = 0.3  # seconds for which something is watched not to happen
 
@@ -382,7 +383,8 @@ def test_a_folder_that_may_not_be_written_starts_no_server(keltop):
 @linux_folder
 @pytest.mark.parametrize("arguments, result", [
     (["-h"], (HELP, 0)), (["-raw"], (NO_PORT, 1)), (["-p", "abc"], (INVALID_PORT, 1)), ([], (HELP + PRESS_ANY_KEY, 0)),
-], ids=["help", "no port", "invalid port", "nothing"])
+    (["-rsi", "json"], (NO_URL, 0)), (["-isi", "xml"], (NO_URL, 0)),
+], ids=["help", "no port", "invalid port", "nothing", "room status", "inventory"])
 def test_what_needs_no_shutdown_event_runs_without(keltop, arguments, result):
     missing = os.path.join(keltop.folder, "missing")
     assert shown(keltop.run(*arguments, env={**keltop.env, "KELTOP_OBJECT_DIR": missing})) == result

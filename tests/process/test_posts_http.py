@@ -1,5 +1,6 @@
 """Posts by plain HTTP, seen from the wire and from the console."""
 
+import datetime
 import http.server
 import os
 import re
@@ -37,6 +38,17 @@ def test_request_on_the_wire_and_on_the_console(keltop, path, sent):
     assert sorted(lines[5:]) == [b"Connection: Close", b"Host: 127.0.0.1:%d" % peer.port]
     assert console == (b"Sending request\n" + b"\r\n".join(lines[:5]) + b"\r\n\r\n" + body +
                        b"\r\nReceived response\nHTTP/1.1 OK 200\r\nContent-Length: 2\r\n\r\nhi\r\n")
+
+
+@pytest.mark.parametrize("zone", ["UTC0", "XYZ-9", "XYZ11"])
+def test_the_date_is_now_in_utc(keltop, zone):
+    before = datetime.datetime.now(datetime.timezone.utc).replace(microsecond=0)
+    with Peer(answering(OK)) as peer:
+        exchange_of(keltop.run("-rsi", "json", "-url", f"http://127.0.0.1:{peer.port}/",
+                               env={**keltop.env, "TZ": zone}))
+    date = re.search(rb"\r\nDate: (\S+)\r\n", peer.request)[1].decode()
+    told = datetime.datetime.strptime(date, "%Y-%m-%dT%H:%M:%S%z")
+    assert before <= told <= datetime.datetime.now(datetime.timezone.utc)
 
 
 @pytest.mark.parametrize("word, kind", [("json", b"application/json"), ("xml", b"text/xml"), ("jazz", b"text/xml")])

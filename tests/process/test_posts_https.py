@@ -7,7 +7,7 @@ import subprocess
 
 import pytest
 
-from conftest import STOP_LINE, eventually, free_port, is_listening, without_trace
+from conftest import STOP_LINE, eventually, free_port, is_listening, windows_cannot, without_trace
 from peers import Peer, after_banner, exchange_of, masked
 from test_posts_http import measured_run
 
@@ -161,6 +161,31 @@ def failure_of_the_way(keltop, url):
 def test_only_an_old_protocol_offered(keltop, serve):
     _, port = serve("-tls1", "-cipher", "ALL:@SECLEVEL=0")
     assert b"SSL" in failure_of_the_way(keltop, f"https://127.0.0.1:{port}/")
+
+
+CIPHERS = "ALL:!ADH:!LOW:!EXP:!MD5:@STRENGTH"
+
+
+def suites(hello):
+    """The cipher suites of a TLS client's first message, in their order."""
+    assert hello[:2] == b"\x16\x03" and hello[5] == 1
+    session = 5 + 4 + 2 + 32  # after the headers of record and message, the version and the random bytes
+    start = session + 1 + hello[session]
+    length = int.from_bytes(hello[start:start + 2], "big")
+    offered = hello[start + 2:start + 2 + length]
+    return [offered[at:at + 2] for at in range(0, length, 2)]
+
+
+@windows_cannot("its TLS library has no settings of the system's, which openssl here follows")
+def test_the_ciphers_are_the_strong_ones_with_the_strongest_first(keltop):
+    hellos = []
+    with Peer(lambda _, connection: hellos.append(connection.recv(65536))) as peer:
+        failure_of_the_way(keltop, f"https://127.0.0.1:{peer.port}/")
+    listed = subprocess.run(["openssl", "ciphers", "-V", "-s", CIPHERS], stdout=subprocess.PIPE, check=True).stdout
+    expected = [bytes.fromhex(first + second) for first, second in
+                re.findall(r"^\s*0x(\w\w),0x(\w\w) ", listed.decode(), re.MULTILINE)]
+    assert len(expected) > 10
+    assert [suite for suite in suites(hellos[0]) if suite != b"\x00\xff"] == expected  # but the renegotiation's mark
 
 
 def test_only_anonymous_ciphers_offered(keltop, serve):

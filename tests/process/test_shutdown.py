@@ -6,6 +6,7 @@ import os
 import signal
 import socket
 import struct
+import subprocess
 import termios
 import threading
 import time
@@ -13,6 +14,7 @@ import time
 import pytest
 
 from conftest import AS_NOBODY, HEAD, as_root, eventually, is_listening, listening_on, without_trace
+from peers import Peer, read_request
 
 pytestmark = pytest.mark.skipif("config.getoption('--keltop').endswith('.exe')",
                                 reason="a Wine process gets no signals, and its shutdown event is everybody's")
@@ -383,6 +385,59 @@ def test_an_event_that_somebody_else_made_is_the_same(keltop, neighbours, mode):
     assert shows_and_answers(running, port, mode)
     assert agent.ask("set", handle) == "0"
     assert running.wait() == 0
+
+
+# Modes that do not listen
+
+
+def test_ctrl_c_during_a_post_ends_every_listener_and_not_the_post(keltop, neighbours):
+    listener, port = keltop.listen()
+    asked, released = threading.Event(), threading.Event()
+
+    def serve(peer, connection):
+        peer.request = read_request(connection)
+        asked.set()
+        assert released.wait(20)
+        connection.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nlate")
+
+    with Peer(serve) as peer:
+        posting = keltop.start("-rsi", "json", "-url", f"http://127.0.0.1:{peer.port}/")
+        assert asked.wait(20)
+        posting.send_signal(signal.SIGINT)
+        assert listener.wait() == 0
+        assert not is_listening(port)
+        assert posting.process.poll() is None
+        released.set()
+        assert posting.wait() == 0
+    assert without_trace(posting.output).endswith(b"\r\n\r\nlate\r\n")
+
+
+def test_a_post_has_the_event_and_outlives_it(keltop, neighbours):
+    def serve(peer, connection):
+        peer.request = read_request(connection)
+        Event(neighbours).set()
+        connection.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nhi")
+
+    with Peer(serve) as peer:
+        done = keltop.run("-isi", "xml", "-url", f"http://127.0.0.1:{peer.port}/")
+    assert done.returncode == 0
+    assert without_trace(done.stdout).endswith(b"\r\n\r\nhi\r\n")
+
+
+def test_the_help_has_no_event_and_ctrl_c_ends_it(keltop, neighbours):
+    listener, port = keltop.listen()
+    agent = neighbours.start()
+    helping = keltop.start(stdin=subprocess.PIPE)
+    with helping.process.stdin:
+        helping.wait_for(b"press any key")
+        helping.send_signal(signal.SIGINT)
+        assert helping.wait() == -signal.SIGINT
+    assert shows_and_answers(listener, port, HTTP)
+    assert listener.interrupt() == 0
+    helping = keltop.start(stdin=subprocess.PIPE)
+    with helping.process.stdin:
+        helping.wait_for(b"press any key")
+        assert agent.obtain("open-event", "KELTOP_SHUTDOWN")[0] == "0"
 
 
 # Output that nobody reads

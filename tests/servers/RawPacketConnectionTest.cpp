@@ -1,4 +1,5 @@
 #include <Poco/Exception.h>
+#include <Poco/Net/NetException.h>
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/Net/StreamSocket.h>
 #include <Poco/Net/StreamSocketImpl.h>
@@ -6,57 +7,69 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <deque>
 #include <functional>
+#include <memory>
+#include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 
+#include "platform/KernelObjects.h"
+#include "product/ShutdownEvent.h"
+#include "semaphore/GlobalName.h"
 #include "servers/RawPacketConnection.h"
+#include "servers/RawPacketConnectionFactory.h"
 
 namespace keltop {
 namespace {
 
-/// What each receive of a connection gives, and what was asked of its socket.
+/// What the socket gives, step by step, and what was asked of it. After the last step the peer has closed.
 struct Script {
-  std::deque<std::function<int(char*)>> receives;
+  std::deque<std::function<std::string()>> steps;
+  int silentPolls = 0;
+
+  int polls = 0;
+  int sends = 0;
   Poco::Timespan sendTimeout = 0;
   Poco::Timespan receiveTimeout = 0;
-  Poco::Timespan pollTimeout = 0;
 };
 
-std::function<int(char*)> bytes(std::string text) {
-  return [text = std::move(text)](char* buffer) {
-    std::copy(text.begin(), text.end(), buffer);
-    return static_cast<int>(text.size());
-  };
-}
-
-std::function<int(char*)> count(int result) {
-  return [result](char*) { return result; };
-}
+constexpr int kWouldBlock = -1;
+const std::string kNothingNow = "(a negative count)";
 
 class ScriptedImpl : public Poco::Net::StreamSocketImpl {
  public:
   explicit ScriptedImpl(Script& script) : script_(script) {}
 
-  int receiveBytes(void* buffer, int /*length*/, int flags) override {
+  bool poll(const Poco::Timespan& timeout, int mode) override {
+    EXPECT_EQ(timeout.totalMilliseconds(), 2000);
+    EXPECT_EQ(mode, SELECT_READ);
+    return ++script_.polls > script_.silentPolls;
+  }
+  int receiveBytes(void* buffer, int length, int flags) override {
     EXPECT_EQ(flags, 0);
-    if (script_.receives.empty()) {
-      ADD_FAILURE() << "nothing more to receive";
+    if (script_.steps.empty()) {
       return 0;
     }
-    const auto receive = std::move(script_.receives.front());
-    script_.receives.pop_front();
-    return receive(static_cast<char*>(buffer));
+    const auto step = script_.steps.front();
+    script_.steps.pop_front();
+    const std::string bytes = step();
+    if (bytes == kNothingNow) {
+      return kWouldBlock;
+    }
+    EXPECT_LE(bytes.size(), static_cast<std::size_t>(length));
+    std::copy(bytes.begin(), bytes.end(), static_cast<char*>(buffer));
+    return static_cast<int>(bytes.size());
   }
-  bool poll(const Poco::Timespan& timeout, int mode) override {
-    EXPECT_EQ(mode, SELECT_READ);
-    script_.pollTimeout = timeout;
-    return true;
+  int sendBytes(const void* /*buffer*/, int length, int /*flags*/) override {
+    ++script_.sends;
+    return length;
   }
   void setSendTimeout(const Poco::Timespan& timeout) override { script_.sendTimeout = timeout; }
   void setReceiveTimeout(const Poco::Timespan& timeout) override { script_.receiveTimeout = timeout; }
-  Poco::Net::SocketAddress peerAddress() override { return {"192.0.2.7", 4321}; }
+  Poco::Net::SocketAddress peerAddress() override { return {"192.0.2.1", 4711}; }
 
  private:
   Script& script_;
@@ -67,42 +80,99 @@ class ScriptedSocket : public Poco::Net::StreamSocket {
   explicit ScriptedSocket(Script& script) : Poco::Net::StreamSocket(new ScriptedImpl(script)) {}
 };
 
+std::function<std::string()> bytes(std::string sent) {
+  return [sent = std::move(sent)] { return sent; };
+}
+
+template <typename Failure>
+std::function<std::string()> failing(Failure failure) {
+  return [failure]() -> std::string { throw failure; };
+}
+
+/// What the console shows of one connection.
 std::string consoleOf(Script& script) {
   RawPacketConnection connection{ScriptedSocket(script)};
   testing::internal::CaptureStdout();
   connection.run();
-  EXPECT_TRUE(script.receives.empty());
   return testing::internal::GetCapturedStdout();
 }
 
-const std::string kConnect = "\r\nConnect from 192.0.2.7:4321\n";
-const std::string kDisconnect = "\r\nDisconnect from 192.0.2.7:4321\n";
+const std::string kBegin = "\r\nConnect from 192.0.2.1:4711\n";
+const std::string kEnd = "\r\nDisconnect from 192.0.2.1:4711\n";
+const std::string kClosing = "\r\nClosing connection to 192.0.2.1:4711\n";
 
-TEST(RawPacketConnection, givesItsSocketTenSecondsEachWayAndLooksEveryTwo) {
+TEST(RawPacketConnection, showsWhatComesUntilThePeerCloses) {
+  Script script = {.steps = {bytes("ABC"), bytes(std::string("D\0E", 3))}};
+  EXPECT_EQ(consoleOf(script), kBegin + "ABCDE" + kEnd);
+  EXPECT_EQ(script.sends, 0);
+}
+
+TEST(RawPacketConnection, asksForTenSecondsInBothDirections) {
   Script script;
-  script.receives = {count(0)};
-  EXPECT_EQ(consoleOf(script), kConnect + kDisconnect);
+  EXPECT_EQ(consoleOf(script), kBegin + kEnd);
   EXPECT_EQ(script.sendTimeout.totalMilliseconds(), 10'000);
   EXPECT_EQ(script.receiveTimeout.totalMilliseconds(), 10'000);
-  EXPECT_EQ(script.pollTimeout.totalMilliseconds(), 2'000);
 }
 
-TEST(RawPacketConnection, aNegativeCountEndsTheBurstAndNotTheConnection) {
-  Script script;
-  script.receives = {bytes("A"), count(-1), count(-1), bytes("B"), count(0)};
-  EXPECT_EQ(consoleOf(script), kConnect + "AB" + kDisconnect);
+TEST(RawPacketConnection, pollsASilentPeerWithoutLimit) {
+  Script script = {.steps = {bytes("A")}, .silentPolls = 1000};
+  EXPECT_EQ(consoleOf(script), kBegin + "A" + kEnd);
+  EXPECT_EQ(script.polls, 1001) << "and once the peer is read, it is read until it stops";
 }
 
-TEST(RawPacketConnection, aTimeOutEndsTheBurstAndNotTheConnection) {
-  Script script;
-  script.receives = {bytes("A"), [](char*) -> int { throw Poco::TimeoutException(); }, bytes("B"), count(0)};
-  EXPECT_EQ(consoleOf(script), kConnect + "AB" + kDisconnect);
+TEST(RawPacketConnection, pollsAgainAfterANegativeCountOrATimeOut) {
+  Script script = {
+      .steps = {bytes("A"), bytes(kNothingNow), bytes("B"), failing(Poco::TimeoutException("why")), bytes("C")}};
+  EXPECT_EQ(consoleOf(script), kBegin + "ABC" + kEnd);
+  EXPECT_EQ(script.polls, 3);
 }
 
-TEST(RawPacketConnection, anyOtherFailureOfTheLibraryEndsTheConnection) {
+TEST(RawPacketConnection, reportsAnyOtherFailureOfTheLibraryAndEnds) {
+  Script script = {.steps = {bytes("A"), failing(Poco::Net::ConnectionResetException("why")), bytes("never")}};
+  EXPECT_EQ(consoleOf(script), kBegin + "AError: Connection reset by peer: why\n" + kClosing);
+  Script other = {.steps = {failing(Poco::IOException("why"))}};
+  EXPECT_EQ(consoleOf(other), kBegin + "Error: I/O error: why\n" + kClosing);
+}
+
+TEST(RawPacketConnection, catchesOnlyTheLibrarysExceptions) {
+  Script script = {.steps = {failing(std::runtime_error("why"))}};
+  EXPECT_THROW((void)consoleOf(script), std::runtime_error);
+  (void)testing::internal::GetCapturedStdout();
+}
+
+/// One test: other programs that run beside it use the same event.
+TEST(RawPacketConnection, holdsTheShutdownEventAsLongAsItLastsAndDoesNotWaitOnIt) {
+  const std::string name = SEMAPHORE::globalName(kShutdownEventName);
+  const auto exists = [&name] {
+    const platform::ObjectHandle event = platform::openEvent(name);
+    return event != platform::ObjectHandle::none && platform::closeObject(event);
+  };
+  const platform::ObjectHandle made = platform::createEvent(nullptr, name);
+  ASSERT_TRUE(platform::setEvent(made));
+  bool held = false;
+  Script script = {.steps = {[&] {
+                               platform::closeObject(made);
+                               held = exists();
+                               return std::string("A");
+                             },
+                             bytes(kNothingNow), bytes("B")}};
+  EXPECT_EQ(consoleOf(script), kBegin + "AB" + kEnd);
+  EXPECT_TRUE(held);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (exists() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::yield();  // another program may hold it for a moment
+  }
+  EXPECT_FALSE(exists());
+}
+
+TEST(RawPacketConnection, theFactoryMakesANewOneForEachSocket) {
   Script script;
-  script.receives = {bytes("A"), [](char*) -> int { throw Poco::IOException("why"); }};
-  EXPECT_EQ(consoleOf(script), kConnect + "AError: I/O error: why\n\r\nClosing connection to 192.0.2.7:4321\n");
+  const ScriptedSocket socket(script);
+  RawPacketConnectionFactory factory;
+  const std::unique_ptr<Poco::Net::TCPServerConnection> one(factory.createConnection(socket));
+  const std::unique_ptr<Poco::Net::TCPServerConnection> two(factory.createConnection(socket));
+  EXPECT_NE(dynamic_cast<RawPacketConnection*>(one.get()), nullptr);
+  EXPECT_NE(one, two);
 }
 
 }  // namespace

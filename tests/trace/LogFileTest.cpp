@@ -1,13 +1,18 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include "platform/Identity.h"
+#include "semaphore/MutexAutoLock.h"
 #include "support/OnWindows.h"
+#include "support/UniqueName.h"
 #include "trace/FormatTrace.h"
 #include "trace/LogFile.h"
 #include "trace/ThreadLogData.h"
@@ -329,6 +334,24 @@ TEST_F(LogFileTest, whatCannotBeArchivedStays) {
   file_.changeDay();
   EXPECT_EQ(filesIn(traces()), (Names{"ARCHIVE", "LOG1067-1.ltt", kCopy, kLive}));
   EXPECT_EQ(live(), opened());
+}
+
+TEST_F(LogFileTest, aRotationAndADayChangeWaitForTheirTurn) {
+  for (void (LogFile::*const tend)() : {&LogFile::checkSize, &LogFile::changeDay}) {
+    const std::string name = "LOG" + uniqueName();
+    LogFile file(1, 1067, name);
+    file.write("line\r\n");
+    fs::resize_file(trace(name + ".ltt"), kFull);
+    file.write("line\r\n");
+    const Names before = filesIn(traces());
+    auto turn = std::make_unique<SEMAPHORE::MutexAutoLock>(name);
+    std::thread tending([&] { (file.*tend)(); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the time that is observed
+    EXPECT_EQ(filesIn(traces()), before) << "no copy has been begun";
+    turn.reset();
+    tending.join();
+    EXPECT_LT(fs::file_size(trace(name + ".ltt")), kFull);
+  }
 }
 
 TEST_F(LogFileTest, aRotationDoesNotTouchTheArchive) {

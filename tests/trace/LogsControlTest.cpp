@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <zmq.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <filesystem>
@@ -140,6 +141,28 @@ TEST_F(WriterTest, theFilesAreLookedAfterBetweenTheTwoPassesOfABurst) {
   Names expected = numbers(102, 150);
   expected.insert(expected.begin(), "File opened");
   EXPECT_EQ(texts(), expected);
+}
+
+TEST_F(WriterTest, withoutTrafficAPassLastsThirtySeconds) {
+  using std::chrono::steady_clock;
+  const auto before = steady_clock::now();
+  writer_.pass();
+  const auto lasted = steady_clock::now() - before;
+  EXPECT_GE(lasted, std::chrono::milliseconds(29'990));
+  EXPECT_LT(lasted, std::chrono::seconds(45));
+}
+
+TEST_F(WriterTest, afterARecordTheNextIsAwaitedForTenMilliseconds) {
+  using std::chrono::steady_clock;
+  steady_clock::duration shortest = std::chrono::hours(1);
+  for (int i = 0; i < 50; ++i) {
+    pushNumbers(1, 1);
+    const auto before = steady_clock::now();
+    writer_.pass();
+    shortest = std::min(shortest, steady_clock::now() - before);
+  }
+  EXPECT_GE(shortest, std::chrono::milliseconds(9));
+  EXPECT_LT(shortest, std::chrono::milliseconds(30));
 }
 
 TEST_F(WriterTest, aRecordOfModule0EndsThePassUnwritten) {
@@ -355,6 +378,25 @@ TEST_F(ControllerThread, stopLeavesALineOfTheProgramsModule) {
   programModule = 0;
   EXPECT_EQ(textsIn(trace("LOG1067.ltt")), (Names{"File opened", "text", ""}));
   EXPECT_TRUE(contentOf(trace("LOG1067.ltt")).ends_with("text\r\nLOG1067 0000 0000  00000000 \r\n"));
+}
+
+TEST_F(ControllerThread, theWriterCannotWaitForItsOwnEnd) {
+  static Controller* control = nullptr;
+  static std::error_code failure;
+  Controller made;
+  control = &made;
+  // Called by the writer, when the first line opens the file.
+  platform::setDataLocationSource([]() -> std::string {
+    try {
+      control->stop();
+    } catch (const std::system_error& error) {
+      failure = error.code();
+    }
+    return {};
+  });
+  made.push(record("text"));
+  made.stop();
+  EXPECT_EQ(failure, std::errc::resource_deadlock_would_occur);
 }
 
 TEST_F(ControllerThread, theDestructorStops) {

@@ -60,5 +60,15 @@ TEST_F(Commit, aFailedWriteLeavesTheCount) {
   EXPECT_EQ(commits - before_, 1) << "the opened marker is the 100th";
 }
 
+TEST_F(Commit, aRotationForcesTheFileToTheDiskFirst) {
+  write(1);
+  std::filesystem::resize_file(trace("LOG1067.ltt"), 50'000'000);
+  write(1);
+  file_.checkSize();
+  EXPECT_EQ(commits - before_, 1);
+  file_.changeDay();
+  EXPECT_EQ(commits - before_, 2);
+}
+
 }  // namespace
 }  // namespace keltop
