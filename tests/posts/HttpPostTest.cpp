@@ -5,6 +5,7 @@
 #include <Poco/Net/StreamSocket.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <future>
@@ -168,10 +169,12 @@ TEST(HttpPost, doesNotWaitForEverForAHandshakeThatStalls) {
   EXPECT_EQ(consoleOfStalledPost(kHttps, beginningOfARecord), "\nPost(1192) Error: Timeout\n");
 }
 
-/// The library asks for more to read after the peer's farewell, which does not come.
+/// The text is the library's, and another one on Windows.
 TEST(HttpPost, takesAFarewellInTheHandshakeForAFailureOfTheWay) {
   const std::string farewell("\x15\x03\x03\x00\x02\x01\x00", 7);
-  EXPECT_EQ(consoleOfStalledPost(kHttps, farewell), "\nPost(1192) Error: Timeout\n");
+  const std::string console = consoleOfStalledPost(kHttps, farewell);
+  EXPECT_TRUE(console.starts_with("\nPost(1192) Error: ")) << console;
+  EXPECT_EQ(std::ranges::count(console, '\n'), 2) << console;
 }
 
 TEST(HttpPost, catchesOnlyTheLibrarysExceptions) {
