@@ -49,6 +49,7 @@ pack_deb() {
   install -d "$folder/DEBIAN"
   sed "s/@VERSION@/$version/; s/@DEPENDS@/$(depends "$folder")/; s/@SIZE@/$(du -sk --apparent-size "$folder/usr" | cut -f1)/" \
     "$packaging/linux/control.in" >"$folder/DEBIAN/control"
+  install -m 755 "$packaging/linux/postrm" "$folder/DEBIAN/postrm"
   dpkg-deb --root-owner-group -Zxz --build "$folder" "$archive" >/dev/null
   rm -r "$folder"
   echo "$archive"

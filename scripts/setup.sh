@@ -149,3 +149,13 @@ build() {
   rm -f "$log"
   return "$result"
 }
+
+# run_tests PRESET ARGUMENT...: runs every test of the build, by ctest with the arguments; shows at the end how many tests
+# of the whole program passed, and which were left out and why.
+run_tests() {
+  local folder="$KELTOP_ROOT/build/$1" result=0
+  shift
+  ctest --test-dir "$folder" --output-on-failure -j 4 "$@" || result=$?
+  sed -n '/short test summary info/,/ in [0-9.]*s/p' "$folder/Testing/Temporary/LastTest.log"
+  return "$result"
+}

@@ -9,5 +9,4 @@ echo "keltop: building (release), to compare with" >&2
 build release keltop
 source "$KELTOP_ROOT/scripts/wine-prefix.sh"
 
-cd "$KELTOP_ROOT"
-ctest --test-dir build/windows --output-on-failure -j 4 "$@"
+run_tests windows "$@"

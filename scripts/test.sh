@@ -9,5 +9,4 @@ preset=${KELTOP_PRESET:-release}
 need "${KELTOP_BUILD_PACKAGES[@]}" "${KELTOP_TEST_PACKAGES[@]}"
 echo "keltop: building ($preset)" >&2
 build "$preset"
-cd "$KELTOP_ROOT"
-exec ctest --test-dir "build/$preset" --output-on-failure -j 4 "$@"
+run_tests "$preset" "$@"

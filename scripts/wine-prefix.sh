@@ -25,3 +25,6 @@ if [ ! -f "$WINEPREFIX/ready" ]; then
   make_wine_prefix
 fi
 trap 'wineserver -k -w || true' EXIT
+# Wine's own processes are there before any test, and stay: started by one, they would hold its output open.
+wineserver -p </dev/null >/dev/null 2>&1
+wine cmd /c exit </dev/null >/dev/null 2>&1

@@ -5,6 +5,7 @@
 #include <Poco/Net/StreamSocket.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <future>
@@ -14,7 +15,6 @@
 #include <string>
 
 #include "posts/HttpPost.h"
-#include "support/OnWindows.h"
 
 namespace keltop {
 namespace {
@@ -162,10 +162,19 @@ TEST(HttpPost, showsTheWholePiecesOfABodyThatStalls) {
   EXPECT_EQ(consoleOfStalledPost(kPlainHttp, head + std::string(8195, 'x')), title + std::string(8192, 'x') + "\r\n");
 }
 
-/// The library notices a handshake that did not come about when it reads; on Windows at once.
+/// The handshake belongs to the connecting, not to the reading of the response.
 TEST(HttpPost, doesNotWaitForEverForAHandshakeThatStalls) {
-  EXPECT_EQ(consoleOfStalledPost(kHttps, ""),
-            onWindows() ? "\nPost(1192) Error: Timeout\n" : "\nPost(1163) Read timeout: Timeout\n");
+  EXPECT_EQ(consoleOfStalledPost(kHttps, ""), "\nPost(1192) Error: Timeout\n");
+  const std::string beginningOfARecord("\x16\x03\x03\x00", 4);
+  EXPECT_EQ(consoleOfStalledPost(kHttps, beginningOfARecord), "\nPost(1192) Error: Timeout\n");
+}
+
+/// The text is the library's, and another one on Windows.
+TEST(HttpPost, takesAFarewellInTheHandshakeForAFailureOfTheWay) {
+  const std::string farewell("\x15\x03\x03\x00\x02\x01\x00", 7);
+  const std::string console = consoleOfStalledPost(kHttps, farewell);
+  EXPECT_TRUE(console.starts_with("\nPost(1192) Error: ")) << console;
+  EXPECT_EQ(std::ranges::count(console, '\n'), 2) << console;
 }
 
 TEST(HttpPost, catchesOnlyTheLibrarysExceptions) {

@@ -1,14 +1,17 @@
 """The Windows build and the Linux build, given the same switches and the same peers, show the same."""
 
+import concurrent.futures
 import http.server
 import re
 import shlex
 import socket
 import tempfile
 import threading
+import time
 
 import pytest
 
+import peers
 from conftest import LONG, Keltop, eventually
 
 pytestmark = pytest.mark.skipif("not config.getoption('--keltop').endswith('.exe')",
@@ -167,3 +170,29 @@ def test_posts(both, peer, switches):
         return done.returncode, program.text_mode(done.stderr), masked(done.stdout), sent
 
     same([post(program) for program in both])
+
+
+PATIENCE = 120  # seconds that a post waits for its peer
+
+
+@pytest.mark.parametrize("answer", [b"", b"\x16\x03\x03\x00"], ids=["at once", "in a record"])
+def test_a_handshake_that_stalls(both, answer):
+    """Side by side: it takes two minutes."""
+    def stall(_, connection):
+        connection.settimeout(PATIENCE + 2 * LONG)
+        connection.sendall(answer)
+        while connection.recv(1 << 16):
+            pass
+
+    def post(program):
+        with peers.Peer(stall) as peer:
+            start = time.monotonic()
+            done = program.run("-rsi", "json", "-url", f"https://127.0.0.1:{peer.port}/", timeout=PATIENCE + 3 * LONG)
+            waited = time.monotonic() - start
+        assert PATIENCE - 1 < waited < PATIENCE + LONG
+        return done.returncode, program.text_mode(done.stderr), masked(done.stdout)
+
+    with concurrent.futures.ThreadPoolExecutor() as threads:
+        code, _, shown = same(list(threads.map(post, both)))
+    assert code == 0
+    assert shown.endswith(b"}\nPost(1192) Error: Timeout\n")

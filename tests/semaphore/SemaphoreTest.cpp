@@ -4,6 +4,7 @@
 #include <type_traits>
 
 #include "semaphore/Semaphore.h"
+#include "support/ClosedHandle.h"
 #include "support/UniqueName.h"
 
 namespace SEMAPHORE {
@@ -46,13 +47,14 @@ TEST(Semaphore, aNameIsSharedAndNoNameIsNot) {
 }
 
 TEST(Semaphore, aSecondCreateIsTrueAndKeepsAClosedHandle) {
-  Semaphore semaphore;
-  ASSERT_TRUE(semaphore.create(0, 0, {}));
-  const ObjectHandle handle = semaphore.handle();
-  EXPECT_TRUE(semaphore.create(0, 0, {}));
-  EXPECT_EQ(semaphore.handle(), handle);
-  EXPECT_FALSE(platform::releaseSemaphore(handle));
-  EXPECT_EQ(platform::waitForObject(handle, 0), platform::kWaitFailed);
+  EXPECT_TRUE(keltop::showsClosed([] {
+    Semaphore semaphore;
+    EXPECT_TRUE(semaphore.create(0, 0, {}));
+    const ObjectHandle handle = semaphore.handle();
+    EXPECT_TRUE(semaphore.create(0, 0, {}));
+    EXPECT_EQ(semaphore.handle(), handle);
+    return platform::waitForObject(handle, 0);
+  }));
 }
 
 TEST(Semaphore, anImpossibleNameGivesNoHandle) {
@@ -62,13 +64,15 @@ TEST(Semaphore, anImpossibleNameGivesNoHandle) {
 }
 
 TEST(Semaphore, destructionClosesTheHandle) {
-  ObjectHandle handle = ObjectHandle::none;
-  {
-    Semaphore semaphore;
-    ASSERT_TRUE(semaphore.create(0, 0, {}));
-    handle = semaphore.handle();
-  }
-  EXPECT_FALSE(platform::closeObject(handle));
+  EXPECT_TRUE(keltop::showsClosed([] {
+    ObjectHandle handle = ObjectHandle::none;
+    {
+      Semaphore semaphore;
+      EXPECT_TRUE(semaphore.create(0, 0, {}));
+      handle = semaphore.handle();
+    }
+    return platform::waitForObject(handle, 0);
+  }));
 }
 
 TEST(Semaphore, everyPostWakesOneWaiter) {
