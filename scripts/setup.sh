@@ -39,6 +39,11 @@ KELTOP_CHECK_PACKAGES=(
   "g++-mingw-w64-x86-64-posix:compiles the Windows sources"
 )
 
+# What measuring the coverage needs besides.
+KELTOP_COVERAGE_PACKAGES=(
+  "gcovr:counts the lines that the tests reach"
+)
+
 # What building for Windows needs.
 KELTOP_WINDOWS_PACKAGES=(
   "g++-mingw-w64-x86-64-posix:the compiler for Windows"

@@ -17,7 +17,4 @@ namespace keltop::platform {
 /// of the program, which a reader that has stopped reading must not hold up. Nothing to do on Windows.
 void stopWaitingForOutput() noexcept;
 
-/// Writes `text` to standard error, for what is wrong with the program's own use.
-void writeStandardError(std::string_view text) noexcept;
-
 }  // namespace keltop::platform

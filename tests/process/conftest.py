@@ -362,10 +362,14 @@ class Agent:
         self.process.wait()
 
     def close(self):
-        if self.process.poll() is None:
+        """At the end of its input it ends by itself, unless it still waits for something."""
+        with contextlib.suppress(OSError):
+            self.process.stdin.close()
+        try:
+            self.process.wait(0.5)
+        except subprocess.TimeoutExpired:
             self.process.kill()
-        self.process.wait()
-        self.process.stdin.close()
+            self.process.wait()
         self.process.stdout.close()
 
 

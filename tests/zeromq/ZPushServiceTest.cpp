@@ -46,6 +46,33 @@ TEST(ZPushServiceWithoutContext, anEntryWithoutASocketIsRemovedByAPush) {
   EXPECT_TRUE(socketTable().sockets.empty());
 }
 
+/// The mutex's owner ends without releasing it: the next one to lock it is told so and does not count as holding it.
+void abandonTable() {
+  std::thread([] { EXPECT_EQ(socketTable().mutex.lock(0), keltop::platform::kWaitObject); }).join();
+}
+
+TEST(ZPushServiceWithoutContext, nothingIsDoneWithATableThatItsOwnerAbandoned) {
+  {
+    const ZPushService first;
+    socketTable().sockets.emplace(kNobody, nullptr);
+    abandonTable();
+  }
+  EXPECT_TRUE(socketTable().sockets.contains(kNobody)) << "the last service left it";
+  ZPushService service;
+  abandonTable();
+  service.push(kNobody, "text");
+  EXPECT_TRUE(socketTable().sockets.contains(kNobody));
+  abandonTable();
+  service.remove(kNobody);
+  EXPECT_TRUE(socketTable().sockets.contains(kNobody));
+  abandonTable();
+  service.setLinger(kNobody, 0);
+  abandonTable();
+  EXPECT_EQ(service.connect("tcp://127.0.0.1:2"), -1);
+  service.remove(kNobody);
+  EXPECT_TRUE(socketTable().sockets.empty());
+}
+
 TEST(ZPushServiceWithoutContext, aServiceSocketBeginsWithoutAnErrorText) {
   const Socket socket;
   EXPECT_EQ(socket.lastErrorText(), "");

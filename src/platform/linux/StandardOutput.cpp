@@ -60,8 +60,4 @@ void stopWaitingForOutput() noexcept {
   mayWait = false;
 }
 
-void writeStandardError(std::string_view text) noexcept {
-  (void)writeAll(STDERR_FILENO, text);
-}
-
 }  // namespace keltop::platform

@@ -23,8 +23,4 @@ bool writeStandardOutput(std::string_view text) noexcept {
 
 void stopWaitingForOutput() noexcept {}
 
-void writeStandardError(std::string_view text) noexcept {
-  (void)write(stderr, text);
-}
-
 }  // namespace keltop::platform

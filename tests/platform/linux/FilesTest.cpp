@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
 
 #include "platform/Files.h"
+#include "support/ResourceLimit.h"
 #include "support/TemporaryFolder.h"
 
 namespace keltop::platform {
@@ -37,6 +39,34 @@ TEST(LinuxFiles, aDanglingLinkIsFollowedOnceItsFolderIsThere) {
   EXPECT_TRUE(appendToFile(file, "x"));
   EXPECT_EQ(contentOf(folder / "other/a"), "x");
   closeFile(file);
+}
+
+TEST(LinuxFiles, aTextThatHasRoomInPartIsTakenBack) {
+  const TemporaryFolder folder;
+  const FileHandle file = openSharedAppend(folder / "a");
+  EXPECT_TRUE(appendToFile(file, "one"));
+  {
+    const ResourceLimit full(RLIMIT_FSIZE, 5);
+    EXPECT_FALSE(appendToFile(file, "two"));
+    EXPECT_EQ(contentOf(folder / "a"), "one");
+  }
+  EXPECT_TRUE(appendToFile(file, "three"));
+  EXPECT_EQ(contentOf(folder / "a"), "onethree");
+  closeFile(file);
+}
+
+TEST(LinuxFiles, aCopyThatHasNoRoomLeavesNothing) {
+  const TemporaryFolder folder;
+  writeContent(folder / "a", "content");
+  const ResourceLimit full(RLIMIT_FSIZE, 5);
+  EXPECT_FALSE(copyFile(folder / "a", folder / "b"));
+  EXPECT_FALSE(fs::exists(folder / "b"));
+}
+
+TEST(LinuxFiles, aSearchLeavesOutLinksToNowhere) {
+  const TemporaryFolder folder;
+  fs::create_symlink(folder / "missing", folder / "a");
+  EXPECT_TRUE(findFiles(folder.path().string(), "*").empty());
 }
 
 }  // namespace

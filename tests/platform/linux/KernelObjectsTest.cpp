@@ -1,0 +1,141 @@
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <thread>
+
+#include "platform/KernelObjects.h"
+#include "support/ResourceLimit.h"
+#include "support/TemporaryFolder.h"
+#include "support/UniqueName.h"
+
+namespace keltop::platform {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kFolderVariable = "KELTOP_OBJECT_DIR";
+
+/// Room for a part of an object's state only.
+constexpr rlim_t kPartOfState = 8;
+
+class LinuxKernelObjects : public testing::Test {
+ protected:
+  LinuxKernelObjects() {
+    if (const char* before = std::getenv(kFolderVariable); before != nullptr) {
+      before_ = before;
+    }
+    useFolder(folder_.path().string());
+  }
+  ~LinuxKernelObjects() override { useFolder(before_); }
+
+  static void useFolder(const std::string& folder) {
+    if (folder.empty()) {
+      ::unsetenv(kFolderVariable);
+    } else {
+      ::setenv(kFolderVariable, folder.c_str(), 1);
+    }
+  }
+
+  [[nodiscard]] static std::string fileName(const std::string& name) { return "keltop." + name; }
+
+  const std::string name_ = uniqueName();
+  TemporaryFolder folder_;
+
+ private:
+  std::string before_;
+};
+
+TEST_F(LinuxKernelObjects, withoutAFolderOfTheirOwnTheyLieInSharedMemory) {
+  useFolder({});
+  const ObjectHandle event = createEvent(nullptr, name_);
+  ASSERT_NE(event, ObjectHandle::none);
+  EXPECT_TRUE(fs::exists("/dev/shm/" + fileName(name_)) || fs::exists("/tmp/" + fileName(name_)));
+  EXPECT_TRUE(closeObject(event));
+  EXPECT_FALSE(fs::exists("/dev/shm/" + fileName(name_)) || fs::exists("/tmp/" + fileName(name_)));
+}
+
+TEST_F(LinuxKernelObjects, aFolderThatCannotBeUsedIsAnError) {
+  useFolder(folder_ / "missing");
+  EXPECT_EQ(createEvent(nullptr, name_), ObjectHandle::none);
+  EXPECT_EQ(lastError(), kErrorFileNotFound);
+  useFolder("/" + std::string(5000, 'x'));
+  EXPECT_EQ(createEvent(nullptr, name_), ObjectHandle::none);
+  EXPECT_EQ(lastError(), kErrorFilenameTooLong);
+}
+
+TEST_F(LinuxKernelObjects, withoutDescriptorsNothingIsCreatedOrOpened) {
+  const ObjectHandle event = createEvent(nullptr, name_);
+  {
+    const ResourceLimit noDescriptors(RLIMIT_NOFILE, kStandardStreamsOnly);
+    EXPECT_EQ(createEvent(nullptr, uniqueName()), ObjectHandle::none);
+    EXPECT_EQ(lastError(), kErrorNotEnoughMemory);
+    EXPECT_EQ(openEvent(name_), ObjectHandle::none);
+    EXPECT_EQ(lastError(), kErrorNotEnoughMemory);
+  }
+  EXPECT_TRUE(closeObject(event));
+}
+
+TEST_F(LinuxKernelObjects, withoutAChangeNotificationAWaitStillEnds) {
+  const ObjectHandle event = createEvent(nullptr, name_);
+  const ResourceLimit noDescriptors(RLIMIT_NOFILE, kStandardStreamsOnly);
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(waitForObject(event, 30), kWaitTimeout);
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(29));
+  std::thread waiter([&] { EXPECT_EQ(waitForObject(event, kInfinite), kWaitObject); });
+  EXPECT_TRUE(setEvent(event));
+  waiter.join();
+  EXPECT_TRUE(closeObject(event));
+}
+
+TEST_F(LinuxKernelObjects, whatCannotBeWrittenIsAnErrorAndChangesNothing) {
+  const ObjectHandle event = createEvent(nullptr, name_ + "e");
+  const ObjectHandle semaphore = createSemaphore(nullptr, 1, 3, name_ + "s");
+  const ObjectHandle mutex = createMutex(nullptr, name_ + "m");
+  {
+    const ResourceLimit full(RLIMIT_FSIZE, kPartOfState);
+    EXPECT_FALSE(setEvent(event));
+    EXPECT_EQ(lastError(), kErrorInvalidData);
+    EXPECT_FALSE(releaseSemaphore(semaphore));
+    EXPECT_EQ(lastError(), kErrorInvalidData);
+    EXPECT_EQ(waitForObject(semaphore, 0), kWaitFailed);
+    EXPECT_EQ(waitForObject(mutex, 0), kWaitFailed);
+    EXPECT_EQ(lastError(), kErrorInvalidData);
+    EXPECT_FALSE(releaseMutex(mutex)) << "nobody owns it";
+    EXPECT_EQ(lastError(), kErrorNotOwner);
+  }
+  EXPECT_EQ(waitForObject(event, 0), kWaitTimeout);
+  EXPECT_EQ(waitForObject(semaphore, 0), kWaitObject);
+  EXPECT_EQ(waitForObject(semaphore, 0), kWaitTimeout);
+  EXPECT_EQ(waitForObject(mutex, 0), kWaitObject);
+  for (const ObjectHandle handle : {event, semaphore, mutex}) {
+    EXPECT_TRUE(closeObject(handle));
+  }
+}
+
+TEST_F(LinuxKernelObjects, aReleaseThatCannotBeWrittenLeavesTheMutexAbandoned) {
+  const ObjectHandle mutex = createMutex(nullptr, name_);
+  ASSERT_EQ(waitForObject(mutex, 0), kWaitObject);
+  {
+    const ResourceLimit full(RLIMIT_FSIZE, kPartOfState);
+    EXPECT_FALSE(releaseMutex(mutex));
+    EXPECT_EQ(lastError(), kErrorInvalidData);
+  }
+  std::thread([&] { EXPECT_EQ(waitForObject(mutex, 0), kWaitAbandoned); }).join();
+  EXPECT_TRUE(closeObject(mutex));
+}
+
+TEST_F(LinuxKernelObjects, nothingIsCreatedWhereTheStateHasNoRoom) {
+  writeContent(folder_ / fileName(name_), std::string(24, '\0'));  // as a dead process may leave it
+  const ResourceLimit full(RLIMIT_FSIZE, kPartOfState);
+  for (const std::string& name : {uniqueName(), name_}) {
+    EXPECT_EQ(createEvent(nullptr, name), ObjectHandle::none);
+    EXPECT_EQ(lastError(), kErrorAccessDenied);
+  }
+}
+
+}  // namespace
+}  // namespace keltop::platform
