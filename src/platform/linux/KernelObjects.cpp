@@ -61,9 +61,17 @@ Result guarded(Result failure, Operation operation) noexcept {
   }
 }
 
-ObjectHandle addNamed(NamedResult found) {
+ObjectHandle addNamed(const NamedResult& found) {
   threadError = found.error;
-  return found.object ? handleTable().add(std::move(found.object)) : ObjectHandle::none;
+  if (!found.object) {
+    return ObjectHandle::none;
+  }
+  try {
+    return handleTable().add(found.object);
+  } catch (...) {
+    found.object->handleClosed();  // it counts a handle that nobody will ever close
+    throw;
+  }
 }
 
 ObjectHandle create(const ObjectState& state, const std::string& name) noexcept {
