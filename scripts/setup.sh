@@ -35,7 +35,14 @@ KELTOP_CHECK_PACKAGES=(
   "clang:the second compiler"
   "clang-format:format check"
   "clang-tidy:lint check"
+  "cppcheck:lint check"
   "g++-mingw-w64-x86-64-posix:compiles the Windows sources"
+)
+
+# What the runs under valgrind need besides what the tests need.
+KELTOP_VALGRIND_PACKAGES=(
+  "valgrind:looks for invalid accesses and lost memory"
+  "libc6-dbg:lets valgrind replace the run-time library's functions"
 )
 
 # What building for Windows needs.

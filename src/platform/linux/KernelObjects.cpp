@@ -66,12 +66,12 @@ ObjectHandle addNamed(const NamedResult& found) {
   if (!found.object) {
     return ObjectHandle::none;
   }
-  try {
-    return handleTable().add(found.object);
-  } catch (...) {
-    found.object->handleClosed();  // it counts a handle that nobody will ever close
-    throw;
-  }
+  const auto uncount = [](NamedObject* object) { object->handleClosed(); };
+  // Until the table has it, the object counts a handle that nobody could close.
+  std::unique_ptr<NamedObject, decltype(uncount)> counted(found.object.get(), uncount);
+  const ObjectHandle handle = handleTable().add(found.object);
+  (void)counted.release();
+  return handle;
 }
 
 ObjectHandle create(const ObjectState& state, const std::string& name) noexcept {
