@@ -15,7 +15,7 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "process"))
 
 # pylint: disable=wrong-import-position
-from conftest import LONG, Keltop, free_port, port_in_use
+from conftest import LONG, Keltop, free_port, port_in_use, without_trace
 from peers import Peer, answering, reset
 from posts import ANSWER, WORD, answering_by_tls, make_certificate, taking
 from test_http import MALFORMED, connect, read_to_end, send
@@ -69,7 +69,7 @@ def port_taken(command):
         port = taken.getsockname()[1]
         with Mode(command) as mode:
             done = mode.program.run("-p", str(port), timeout=2 * LONG)
-            return mode.finish(done.returncode, done.stdout, 1, port_in_use(mode.program, port)[0])
+            return mode.finish(done.returncode, without_trace(done.stdout), 1, port_in_use(mode.program, port)[0])
 
 
 def listener(command, *switches, talk, texts, left_open):
