@@ -36,12 +36,19 @@ KELTOP_CHECK_PACKAGES=(
   "clang:the second compiler"
   "clang-format:format check"
   "clang-tidy:lint check"
+  "cppcheck:lint check"
   "g++-mingw-w64-x86-64-posix:compiles the Windows sources"
 )
 
 # What measuring the coverage needs besides.
 KELTOP_COVERAGE_PACKAGES=(
   "gcovr:counts the lines that the tests reach"
+)
+
+# What the runs under valgrind need besides what the tests need.
+KELTOP_VALGRIND_PACKAGES=(
+  "valgrind:looks for invalid accesses and lost memory"
+  "libc6-dbg:lets valgrind replace the run-time library's functions"
 )
 
 # What building for Windows needs.

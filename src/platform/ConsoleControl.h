@@ -11,7 +11,7 @@ inline constexpr std::uint32_t kControlClosed = 2;
 using ConsoleControlHandler = bool (*)(std::uint32_t type) noexcept;
 
 /// Adds the handler that runs, on a thread of the console system's own, for the console's control types. One handler
-/// a process; false when the system refuses.
+/// a process; false when the system refuses, and then it may be tried again.
 ///
 /// Linux: SIGINT is type 0; SIGHUP, unless it was ignored at start (nohup), is type 2. Every other signal, SIGQUIT and
 /// SIGTERM among them, keeps its action.

@@ -34,12 +34,13 @@ std::string lineFileName(std::uint32_t module, std::string_view name) {
 }
 
 std::string numberedFileName(std::uint32_t module) {
-  for (const NamedRange& range : kNamedRanges) {
-    if (module >= range.first && module <= range.last) {
-      return std::string(range.prefix) + std::to_string(module - range.first + 1);
-    }
+  const auto* const range = std::find_if(kNamedRanges.begin(), kNamedRanges.end(), [module](const NamedRange& row) {
+    return module >= row.first && module <= row.last;
+  });
+  if (range == kNamedRanges.end()) {
+    return std::string(kOtherPrefix) + std::to_string(module);
   }
-  return std::string(kOtherPrefix) + std::to_string(module);
+  return std::string(range->prefix) + std::to_string(module - range->first + 1);
 }
 
 }  // namespace

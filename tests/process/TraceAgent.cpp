@@ -1,15 +1,17 @@
 // A process that traces as fast or as slowly as it is told to. It makes the writer's passes itself, so that it knows
 // which records were written. Only the module of the program is used, with rotation.
 //
-//   flood SECONDS TAG LENGTH   prints "ready", waits for a line on standard input, writes for that long lines whose
-//                              text is "TAG:NUMBER:" filled up to the length, and prints how many
-//   steps                      writes each line of standard input, and prints "done" when its pass is over
+//   flood SECONDS TAG LENGTH [PAUSE]
+//           prints "ready", waits for a line on standard input, writes for that long lines whose text is "TAG:NUMBER:"
+//           filled up to the length, with that many milliseconds between two passes, and prints how many
+//   steps   writes each line of standard input, and prints "done" when its pass is over
 
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <iostream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "trace/LogsControl.h"
@@ -34,7 +36,7 @@ class Agent {
   TraceWriter writer_{control_};
 };
 
-int flood(std::chrono::seconds duration, const std::string& tag, std::size_t length) {
+int flood(std::chrono::seconds duration, const std::string& tag, std::size_t length, std::chrono::milliseconds pause) {
   Agent agent;
   std::string line;
   std::cout << "ready" << std::endl;
@@ -50,6 +52,7 @@ int flood(std::chrono::seconds duration, const std::string& tag, std::size_t len
     // The record that the pass gives up, so that it ends at once and not after a wait.
     agent.push("given up");
     agent.pass();
+    std::this_thread::sleep_for(pause);
   }
   std::cout << written << std::endl;
   return EXIT_SUCCESS;
@@ -66,8 +69,9 @@ int steps() {
 }
 
 int run(const std::vector<std::string>& words) {
-  if (words.size() == 4 && words[0] == "flood") {
-    return flood(std::chrono::seconds(std::stoi(words[1])), words[2], std::stoul(words[3]));
+  if ((words.size() == 4 || words.size() == 5) && words[0] == "flood") {
+    const std::chrono::milliseconds pause(words.size() == 5 ? std::stoi(words[4]) : 0);
+    return flood(std::chrono::seconds(std::stoi(words[1])), words[2], std::stoul(words[3]), pause);
   }
   if (words.size() == 1 && words[0] == "steps") {
     return steps();

@@ -10,6 +10,8 @@
 #include <system_error>
 #include <thread>
 
+#include "platform/linux/FileDescriptor.h"
+
 namespace keltop::platform {
 
 namespace {
@@ -49,12 +51,17 @@ bool ignored(int signal) noexcept {
          action.sa_handler == SIG_IGN;
 }
 
+/// Once for each signal: `notices` tells whether it has been done.
 bool listenTo(int signal, int& notices, std::uint32_t type) {
-  notices = ::eventfd(0, EFD_CLOEXEC);
-  if (notices < 0) {
+  if (notices >= 0) {
+    return true;
+  }
+  FileDescriptor made(::eventfd(0, EFD_CLOEXEC));
+  if (!made.valid()) {
     return false;
   }
-  std::thread(serve, notices, signal, type).detach();
+  std::thread(serve, made.get(), signal, type).detach();
+  notices = made.release();
   struct sigaction action = {};
   action.sa_handler = notice;
   action.sa_flags = SA_RESTART;
@@ -64,9 +71,7 @@ bool listenTo(int signal, int& notices, std::uint32_t type) {
 }  // namespace
 
 bool addConsoleControlHandler(ConsoleControlHandler handler) noexcept {
-  if (installed.exchange(handler) != nullptr) {
-    return true;
-  }
+  installed = handler;
   try {
     const bool listening = listenTo(SIGINT, interrupted, kControlCtrlC);
     return listening && (ignored(SIGHUP) || listenTo(SIGHUP, hungUp, kControlClosed));

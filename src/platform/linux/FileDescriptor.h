@@ -26,6 +26,7 @@ class FileDescriptor {
 
   [[nodiscard]] int get() const noexcept { return descriptor_; }
   [[nodiscard]] bool valid() const noexcept { return descriptor_ >= 0; }
+  [[nodiscard]] int release() noexcept { return std::exchange(descriptor_, -1); }
 
  private:
   int descriptor_ = -1;

@@ -61,9 +61,17 @@ Result guarded(Result failure, Operation operation) noexcept {
   }
 }
 
-ObjectHandle addNamed(NamedResult found) {
+ObjectHandle addNamed(const NamedResult& found) {
   threadError = found.error;
-  return found.object ? handleTable().add(std::move(found.object)) : ObjectHandle::none;
+  if (!found.object) {
+    return ObjectHandle::none;
+  }
+  const auto uncount = [](NamedObject* object) { object->handleClosed(); };
+  // Until the table has it, the object counts a handle that nobody could close.
+  std::unique_ptr<NamedObject, decltype(uncount)> counted(found.object.get(), uncount);
+  const ObjectHandle handle = handleTable().add(found.object);
+  (void)counted.release();
+  return handle;
 }
 
 ObjectHandle create(const ObjectState& state, const std::string& name) noexcept {

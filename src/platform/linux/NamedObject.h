@@ -12,6 +12,7 @@ namespace keltop::platform {
 class NamedObject : public KernelObject {
  public:
   /// `file` holds the life lock. `path` is the name the file bears.
+  // cppcheck-suppress passedByValue ; moved from, into a constant member
   NamedObject(ObjectType type, StateFile file, std::string path) noexcept
       : KernelObject(type), file_(std::move(file)), path_(std::move(path)) {}
 

@@ -1,0 +1,302 @@
+"""Load and faults at once, for a time: nothing may be lost and nothing may grow.
+
+Two listeners are never killed and are measured; two more are killed and started again every few seconds, and so is one of
+three processes that write the trace file. What a kill excuses is what was under way in that very moment and nothing else.
+"""
+
+import argparse
+import contextlib
+import os
+import random
+import shlex
+import signal
+import statistics
+import sys
+import tempfile
+import threading
+import time
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, os.path.join(HERE, "..", "process"))
+
+# pylint: disable=wrong-import-position
+from alphabet import SENDERS
+from clients import Count, Malformed, RawPeer, Resetting, Silent, Slow, WellBehaved
+from conftest import LONG, Keltop, eventually, port_in_use, without_trace
+from listeners import Listener, port_beside_the_clients
+from posts import Posts
+from test_http import connect, read_to_end
+from test_traces import Copies, TraceAgent, live
+from traces import Lines, flood_words, left_objects
+
+WORKERS = 16  # connections that a listener serves at a time
+OBJECTS = 2  # files of machine-wide objects: the shutdown event and the turn to rotate, whoever made them last
+WARM = 0.25  # part of the time after which memory has to stay
+GROWTH = 2048  # kB that memory may have more at the end than after warming up: the allocator's own coming and going
+
+
+class Measured:
+    """What a process uses, looked at again and again."""
+
+    def __init__(self, life):
+        self.pid = life.pid
+        self.at_start = self.look()
+        self.samples = []
+
+    def look(self):
+        with open(f"/proc/{self.pid}/status", encoding="ascii") as file:
+            status = dict(line.split(":", 1) for line in file)
+        return {"memory": int(status["VmRSS"].split()[0]), "threads": int(status["Threads"]),
+                "descriptors": len(os.listdir(f"/proc/{self.pid}/fd"))}
+
+    def sample(self):
+        self.samples.append(self.look())
+
+    def typical(self, name, start, end):
+        """The median of a part of the samples."""
+        count = len(self.samples)
+        return statistics.median(sample[name] for sample in self.samples[int(start * count):int(end * count) or None])
+
+    def most(self, name):
+        return max(sample[name] for sample in self.samples)
+
+
+class Soak:
+    def __init__(self, program, agent_command, seconds):
+        self.program = program
+        self.seconds = seconds
+        self.stop = threading.Event()
+        self.dice = random.Random(1067)
+        self.findings = []
+        self.counts = {name: Count() for name in ("http", "http killed", "raw", "raw killed", "posts")}
+        self.listeners = {}
+        self.kills = 0
+        self.refused = 0
+        self.writers_killed = 0
+        self.starts = 0
+        self._agent_command = shlex.split(agent_command)
+        self._agents = contextlib.ExitStack()
+
+    def check(self, holds, text):
+        if not holds:
+            self.findings.append(text)
+
+    # The parts
+
+    def start_listeners(self):
+        for name in ("http", "http killed", "raw", "raw killed"):
+            port = port_beside_the_clients()
+            self.listeners[name] = Listener(self.program, port, "raw" in name)
+            self.listeners[name].start()
+
+    def clients(self):
+        def make(kind, name, number, **options):
+            return kind(number, self.listeners[name], self.counts[name], self.stop, **options)
+
+        for name, good, each in (("http", 6, 2), ("http killed", 5, 1)):
+            for sender in range(good):
+                yield make(WellBehaved, name, sender, sender=sender)
+            for number in range(each):
+                yield make(Slow, name, SENDERS + number, sender=good + number)
+                yield make(Malformed, name, 20 + number)
+                yield make(Silent, name, 30 + number)
+                yield make(Resetting, name, 40 + number)
+        for name, good in (("raw", 6), ("raw killed", 4)):
+            for sender in range(good):
+                yield make(RawPeer, name, sender, sender=sender)
+            for number in range(2):
+                yield make(Silent, name, 30 + number)
+                yield make(Resetting, name, 40 + number)
+        yield Posts(0, self.program, self.counts["posts"], self.stop)
+
+    def agent(self, tag, seconds):
+        agent = TraceAgent(self.program, self._agent_command, *flood_words(seconds, tag))
+        self._agents.callback(agent.close)
+        assert agent.answer() == "ready"
+        agent.tell()
+        return agent
+
+    def kill_listeners(self):
+        """Every few seconds, in turn, at a random moment."""
+        while not self.stop.is_set():
+            for name in ("http killed", "raw killed"):
+                self.stop.wait(self.dice.uniform(1, 4))
+                self.listeners[name].kill()
+                self.kills += 1
+                self.listeners[name].start()
+
+    def kill_writers(self):
+        dice = random.Random(1068)
+        while not self.stop.is_set():
+            agent = self.agent(f"C{self.writers_killed}", 60)
+            self.stop.wait(dice.uniform(0.2, 3))
+            agent.close()
+            self.writers_killed += 1
+
+    def start_seconds(self):
+        """A second listener on a port in use is refused and hurts nobody."""
+        while not self.stop.is_set():
+            for name in ("http", "raw"):
+                port = self.listeners[name].port
+                done = self.program.run("-p", str(port), *(["-raw"] if name == "raw" else []))
+                self.refused += 1
+                shown = without_trace(done.stdout)
+                self.check(done.returncode == 1 and shown.endswith(tuple(port_in_use(self.program, port))),
+                           f"second listener: {done.returncode} {done.stdout[-300:]!r}")
+                self.stop.wait(2)
+
+    # The whole
+
+    def run(self):
+        lines = Lines()
+        copies = Copies(self.program, lines.add)
+        with self._agents:
+            self.start_listeners()
+            measured = {name: Measured(self.listeners[name].life) for name in ("http", "raw")}
+            writers = {tag: self.agent(tag, self.seconds) for tag in "AB"}
+            threads = list(self.clients())
+            threads += [threading.Thread(target=self._guarded, args=(part,), daemon=True)
+                        for part in (self.kill_listeners, self.kill_writers, self.start_seconds)]
+            for thread in threads:
+                thread.start()
+            self._watch(measured)
+            for thread in threads:
+                thread.join(4 * LONG)
+                self.check(not thread.is_alive(), f"{thread.name} does not end")
+            written = {tag.encode(): int(agent.answer()) for tag, agent in writers.items()}
+            self._settle(measured)
+            self._end_listeners()
+            self._start_again()
+            copies.finish()
+        lines.add(live(self.program))
+        lines.finish()
+        self._judge(measured, lines, written)
+        self._print(measured, lines, written, copies.taken)
+
+    def _guarded(self, part):
+        try:
+            part()
+        except BaseException as failure:  # told at the end, by another thread
+            self.findings.append(f"{part.__name__}: {failure!r}")
+
+    def _watch(self, measured):
+        deadline = time.monotonic() + self.seconds
+        while time.monotonic() < deadline and all(self.listeners[name].life.running.process.poll() is None
+                                                  for name in measured):
+            self.stop.wait(1)
+            for process in measured.values():
+                process.sample()
+        self.stop.set()
+
+    def _settle(self, measured):
+        """With everybody gone, each descriptor has to be given back, and each raw peer's end to be shown."""
+        for name, process in measured.items():
+            with contextlib.suppress(AssertionError):
+                eventually(lambda p=process: p.look()["descriptors"] <= p.at_start["descriptors"], what="descriptors")
+            process.at_end = process.look()
+            life = self.listeners[name].life
+            if name == "raw":
+                self.check(life.wait_until(lambda one=life: one.connects == one.ends),
+                           f"raw: {life.connects} connections and {life.ends} ends shown")
+
+    def _end_listeners(self):
+        """One Ctrl-C ends them all."""
+        lives = [listener.life for listener in self.listeners.values()]
+        lives[0].running.send_signal(signal.SIGINT)
+        for name, life in zip(self.listeners, lives):
+            code = life.wait()
+            self.check(code == 0, f"{name}: ended with {code}")
+
+    def _start_again(self):
+        """What all of them left behind does not hinder the next one."""
+        listener = self.listeners["http"]
+        listener.start()
+        with connect(listener.port) as client:
+            client.sendall(b"GET /again HTTP/1.1\r\n\r\n")
+            self.check(read_to_end(client).startswith(b"HTTP/1.1 200 OK\r\n"), "no answer after the end of all")
+        code = listener.life.running.interrupt()
+        self.check(code == 0, f"started again: ended with {code}")
+
+    def _judge(self, measured, lines, written):
+        for name, count in self.counts.items():
+            self.check(count["lost"] == 0, f"{name}: {count['lost']} lost")
+            self.findings += [f"{name}: {text}" for text in count.complaints[:5]]
+        for name, listener in self.listeners.items():
+            self._judge_console(name, listener)
+        for name, process in measured.items():
+            self._judge_growth(name, process)
+        for tag, count in written.items():
+            self.check(lines.next.get(tag) == count, f"{lines.next.get(tag)} of {count} lines of {tag.decode()}")
+        self.findings += lines.complaints[:5]
+        deaths = self.writers_killed + self.kills
+        self.check(lines.torn <= deaths and lines.left_by_the_dead <= deaths, "more torn than killed")
+        starts = sum(len(listener.lives) for listener in self.listeners.values()) + self.refused
+        starts += self.counts["posts"]["deserving"]
+        self.check(lines.banners == starts, f"{lines.banners} of {starts} starts traced")
+        left = left_objects(self.program)
+        self.check(len(left) <= OBJECTS, f"in the objects' folder: {left}")
+
+    def _judge_console(self, name, listener):
+        for life in listener.lives:
+            unseen = life.answered - life.shown
+            self.check(not unseen, f"{name}: {len(unseen)} answered and not shown")
+            self.check(not life.shown_twice and not life.tally.disordered, f"{name}: shown twice or in another order")
+            short = sum(life.sent) - sum(life.tally.shown)
+            self.check(short == 0 or life.killed_at, f"{name}: {short} of {sum(life.sent)} bytes not shown")
+            self.check(short >= 0, f"{name}: more shown than was sent")
+        if name == "raw":
+            shown = listener.lives[0].connects
+            self.check(shown >= self.counts[name]["peers"], f"{name}: {shown} connections shown")
+
+    def _judge_growth(self, name, process):
+        extra = process.at_end["descriptors"] - process.at_start["descriptors"]
+        self.check(extra <= 0, f"{name}: {extra} descriptors more than at the start")
+        most = process.at_start["threads"] + WORKERS
+        self.check(process.most("threads") <= most, f"{name}: {process.most('threads')} threads")
+        grown = process.typical("memory", 0.75, 1) - process.typical("memory", WARM, 0.5)
+        self.check(grown <= GROWTH, f"{name}: memory grew by {grown:.0f} kB")
+
+    def _print(self, measured, lines, written, rotations):
+        print(f"{'':14}{'deserving':>10}{'answered':>10}{'excused':>9}{'lost':>6}{'undeserving':>13}"
+              f"{'bytes sent':>15}{'shown':>15}{'lives':>7}")
+        for name, count in self.counts.items():
+            lives = self.listeners[name].lives if name in self.listeners else []
+            sent, shown = (sum(map(sum, numbers)) for numbers in ([life.sent for life in lives],
+                                                                  [life.tally.shown for life in lives]))
+            deserving, answered = count["deserving"] or count["peers"], count["answered"] or "-"
+            print(f"{name:14}{deserving:10}{answered:>10}{count['excused']:9}{count['lost']:6}{count['undeserving']:13}"
+                  f"{sent:15}{shown:15}{len(lives) or '-':>7}")
+        print(f"\n{'':14}{'memory kB: warm':>17}{'at the end':>12}{'descriptors':>13}{'at the end':>12}{'most':>6}"
+              f"{'threads':>9}{'at the end':>12}{'most':>6}")
+        for name, process in measured.items():
+            start, end = process.at_start, process.at_end
+            print(f"{name:14}{process.typical('memory', WARM, 0.5):17.0f}{process.typical('memory', 0.75, 1):12.0f}"
+                  f"{start['descriptors']:13}{end['descriptors']:12}{process.most('descriptors'):6}"
+                  f"{start['threads']:9}{end['threads']:12}{process.most('threads'):6}")
+        print(f"\ntrace: {sum(written.values())} lines of the two writers that lived, {lines.lines} in all whole, "
+              f"{lines.disordered} out of order, {rotations} rotations;\n"
+              f"       {self.writers_killed} writers killed, {lines.torn} torn lines and {lines.left_by_the_dead} "
+              "unfinished copies of theirs")
+        print(f"{self.kills} listeners killed, {self.refused} second listeners refused, in {self.seconds} s")
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("minutes", type=float, nargs="?", default=20)
+    parser.add_argument("--keltop", required=True)
+    parser.add_argument("--trace-agent", required=True)
+    words = parser.parse_args()
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit("ended"))
+    shared = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None  # the disk is not what is tested
+    with tempfile.TemporaryDirectory(prefix="keltop-soak-", dir=shared) as folder:
+        with contextlib.closing(Keltop(words.keltop, folder)) as program:
+            soak = Soak(program, words.trace_agent, int(words.minutes * 60))
+            soak.run()
+    for finding in soak.findings:
+        print("FOUND:", finding[:500])
+    print("nothing lost, nothing grown" if not soak.findings else f"{len(soak.findings)} findings")
+    return 1 if soak.findings else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
