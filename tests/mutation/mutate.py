@@ -18,6 +18,7 @@ import pathlib
 import re
 import shutil
 import signal
+import statistics
 import subprocess
 import sys
 import time
@@ -335,39 +336,59 @@ def cell(text):
     return text.replace("|", "\\|").replace("\n", " ")
 
 
+def still_holds(mutation, results):
+    """Whether there is a result, and neither the row nor the file that it breaks has changed since."""
+    known = results.get(mutation.name)
+    return known is not None and known["key"] == mutation.key() and known["verdict"] != BROKEN
+
+
+def rows_of(mutations, texts):
+    """A row for each mutation: its name, its file, what it breaks, and one text more."""
+    return [f"| {mutation.name} | `{mutation.file.removeprefix('src/')}` | {cell(mutation.breaks)} | {cell(text)} |"
+            for mutation, text in zip(mutations, texts)]
+
+
 def write_page(mutations, results):
     """The list with its results, for the documentation."""
-    tried = [(mutation, results[mutation.name]) for mutation in mutations if not mutation.equivalent]
-    counts = {verdict: sum(result["verdict"] == verdict for _, result in tried) for verdict in (NOTICED, HUNG, SURVIVED)}
-    minutes = sum(result["seconds"] for _, result in tried) / 60
+    equivalent = [mutation for mutation in mutations if mutation.equivalent]
+    tried = [mutation for mutation in mutations if not mutation.equivalent and still_holds(mutation, results)]
+    untried = [mutation for mutation in mutations if not mutation.equivalent and not still_holds(mutation, results)]
+    verdicts = [results[mutation.name] for mutation in tried]
+    counts = collections.Counter(result["verdict"] for result in verdicts)
+    dates = sorted({result["date"] for result in verdicts})
     lines = [
         "# Mutation check",
         "",
-        "Does a test fail when the program does something else than it should? `scripts/mutation.sh` breaks it in one place "
-        "at a time, builds it and runs the tests that should notice. This page is written by it when every mutation of "
-        "[the table](../tests/mutation/mutations.toml) has a result.",
+        "Does a test fail when the program does something else than it should? `scripts/mutation.sh` breaks it in one "
+        "place at a time, in a copy of the tree, builds it and runs the tests that should notice; a failure counts when "
+        "it repeats. The script writes this page; the places are in "
+        "[tests/mutation/mutations.toml](../tests/mutation/mutations.toml).",
         "",
         "| | |",
         "| --- | --- |",
         "| command | `scripts/mutation.sh` |",
-        f"| date | {max(result['date'] for _, result in tried)} |",
-        f"| mutations | {len(tried)} |",
+        f"| date | {' to '.join(dict.fromkeys((dates[0], dates[-1])))} |",
+        f"| mutations tried | {len(tried)} |",
         f"| noticed by a failing test | {counts[NOTICED]} |",
         f"| noticed because the tests did not end within {TEST_LIMIT} s | {counts[HUNG]} |",
         f"| survived | {counts[SURVIVED]} |",
-        f"| builds and tests together | {minutes:.0f} min |",
+        f"| in the table, not tried yet | {len(untried)} |",
+        f"| in the table, nothing that a test could tell | {len(equivalent)} |",
+        f"| one mutation, build and tests | {statistics.median(result['seconds'] for result in verdicts):.0f} s (median) |",
         "",
         "| mutation | file | what it breaks | noticed by |",
         "| --- | --- | --- | --- |",
+        *rows_of(tried, [{NOTICED: f"`{result['by']}`", HUNG: "did not end", SURVIVED: "**nothing**"}[result["verdict"]]
+                         for result in verdicts]),
     ]
-    for mutation, result in tried:
-        by = {NOTICED: f"`{result['by']}`", HUNG: "did not end", SURVIVED: "**nothing**"}[result["verdict"]]
-        lines.append(f"| {mutation.name} | `{mutation.file.removeprefix('src/')}` | {cell(mutation.breaks)} | {by} |")
-    if equivalent := [mutation for mutation in mutations if mutation.equivalent]:
-        lines += ["", "## Not tried", "", "No test can tell these from the program as it is.", "",
-                  "| mutation | file | what it changes | why nobody can tell |", "| --- | --- | --- | --- |"]
-        lines += [f"| {mutation.name} | `{mutation.file.removeprefix('src/')}` | {cell(mutation.breaks)} "
-                  f"| {cell(mutation.equivalent)} |" for mutation in equivalent]
+    if equivalent:
+        lines += ["", "## Nothing that a test could tell", "", "| mutation | file | what it changes | why |",
+                  "| --- | --- | --- | --- |", *rows_of(equivalent, [mutation.equivalent for mutation in equivalent])]
+    if untried:
+        lines += ["", "## Not tried yet", "", "| mutation | file | what it breaks | tests that should notice |",
+                  "| --- | --- | --- | --- |",
+                  *rows_of(untried, [" ".join(f"`{test}`" for test in [*mutation.unit, *mutation.process])
+                                     for mutation in untried])]
     PAGE.write_text("\n".join(lines) + "\n", encoding="utf-8")
     print(f"written: {PAGE.relative_to(ROOT)}")
 
@@ -386,6 +407,7 @@ def main():
     parser.add_argument("--resume", action="store_true",
                         help="leave out what was noticed before, unless the row or the file that it breaks has changed")
     parser.add_argument("--jobs", type=int, default=1, help="how many copies of the tree are built and tested at once")
+    parser.add_argument("--page", action="store_true", help="only write docs/mutation-check.md from the results there are")
     parser.add_argument("--no-baseline", action="store_true", help="do not run the tests on the program as it is first")
     options = parser.parse_args()
 
@@ -394,10 +416,13 @@ def main():
         print(f"{len(mutations)} mutations fit the tree")
         return
     results = load_results()
+    if options.page:
+        write_page(mutations, results)
+        return
     chosen = [mutation for mutation in select(mutations, options.names) if not mutation.equivalent]
     if options.resume:
-        chosen = [mutation for mutation in chosen if not (
-            (known := results.get(mutation.name)) and known["key"] == mutation.key() and known["verdict"] in (NOTICED, HUNG))]
+        chosen = [mutation for mutation in chosen
+                  if not still_holds(mutation, results) or results[mutation.name]["verdict"] == SURVIVED]
     if chosen and not options.no_baseline:
         print(f"the tests of {len(chosen)} mutations, on the program as it is", flush=True)
         baseline(Tree(0), chosen)
@@ -416,8 +441,7 @@ def main():
     run(chosen, max(1, min(options.jobs, len(chosen))), show)
     bad = [result for result in done if result["verdict"] in (SURVIVED, BROKEN)]
     print(f"{len(done)} mutations, {len(done) - len(bad)} noticed, {len(bad)} not")
-    if all((known := results.get(mutation.name)) and known["key"] == mutation.key() and known["verdict"] != BROKEN
-           for mutation in mutations if not mutation.equivalent):
+    if not options.names:
         write_page(mutations, results)
     sys.exit(1 if bad else 0)
 
