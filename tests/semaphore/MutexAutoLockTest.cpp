@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <future>
 #include <memory>
 #include <string>
 #include <thread>
@@ -43,13 +45,18 @@ TEST(MutexAutoLock, withoutASuffixTheNameIsAll) {
 TEST(MutexAutoLock, theSecondOneWaitsForTheFirst) {
   const std::string name = uniqueName();
   auto first = std::make_unique<MutexAutoLock>(name, "");
-  bool released = false;
+  std::promise<void> beginning;
+  std::promise<void> owning;
   std::thread second([&] {
+    beginning.set_value();
     const MutexAutoLock lock(name, "");
-    EXPECT_TRUE(released);
+    owning.set_value();
   });
-  released = true;
+  beginning.get_future().wait();
+  std::future<void> owned = owning.get_future();
+  EXPECT_EQ(owned.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
   first.reset();
+  owned.wait();
   second.join();
 }
 
