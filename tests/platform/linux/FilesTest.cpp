@@ -39,5 +39,22 @@ TEST(LinuxFiles, aDanglingLinkIsFollowedOnceItsFolderIsThere) {
   closeFile(file);
 }
 
+TEST(LinuxFiles, whatHasNoEndIsNotCopied) {
+  const TemporaryFolder folder;
+  ASSERT_EQ(::mkfifo((folder / "pipe").c_str(), 0600), 0);
+  fs::create_symlink("/dev/zero", folder / "zero");
+  EXPECT_FALSE(copyFile(folder / "pipe", folder / "copy"));
+  EXPECT_FALSE(copyFile(folder / "zero", folder / "copy"));
+  EXPECT_FALSE(pathExists(folder / "copy"));
+}
+
+TEST(LinuxFiles, nothingIsCopiedToWhatKeepsNothing) {
+  const TemporaryFolder folder;
+  writeContent(folder / "a", "x");
+  fs::create_symlink("/dev/null", folder / "null");
+  EXPECT_FALSE(copyFile(folder / "a", folder / "null"));
+  EXPECT_TRUE(fs::is_symlink(folder / "null"));
+}
+
 }  // namespace
 }  // namespace keltop::platform
