@@ -130,28 +130,33 @@ void checkMade(const MadeRequest& request, const std::string& client, const std:
   checkEqual("the answer", "HTTP/1.1 200 OK" + answerHeaders(server, "Close"), withoutDate(answer));
 }
 
+/// The first line of an answer without its version, which is the client's, whatever that is.
+std::string statusOf(const std::string& answer) {
+  const std::string line = answer.substr(0, answer.find("\r\n"));
+  const std::size_t blank = line.find(' ');
+  return blank == std::string::npos ? "" : line.substr(blank + 1);
+}
+
 /// What holds for whatever a client sends.
 void checkAny(std::size_t sent, bool ran, const std::string& console, std::string answer) {
-  constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
   constexpr std::size_t kOwnTexts = 1000;
   constexpr std::size_t kTimesShown = 5;  // decoded, and encoded again with three characters for one
   check(console.size() <= kTimesShown * sent + kOwnTexts, "an endless console text");
   check(answer.size() <= kOwnTexts, "an endless answer: " + shown(answer));
-  if (answer.starts_with(kContinue) || answer.starts_with("HTTP/1.0 100")) {
-    answer.erase(0, kContinue.size());
+  if (statusOf(answer) == "100 Continue") {
+    answer.erase(0, answer.find("\r\n\r\n") + 4);
   }
-  const bool answered = answer.starts_with("HTTP/1.1 200 OK\r\n") || answer.starts_with("HTTP/1.0 200 OK\r\n");
-  if (answered) {
+  const std::string status = statusOf(answer);
+  if (status == "200 OK") {
     check(answer.find("\r\n\r\n") == answer.size() - 4, "more than a head: " + shown(answer));
     check(console.starts_with("Connected:\n  Client: 127.0.0.1:"), "the console's begin: " + shown(console));
     check(console.ends_with("\r\n\r\n\r\n\n"), "the console's end: " + shown(console));
-    check(console.find("\r\nResponse:\n200 OK HTTP/1.") != std::string::npos, "no response shown");
+    check(console.find("\r\nResponse:\n200 OK ") != std::string::npos, "no response shown");
     check(ran, "an answer and a failure");
   } else {
     check(console.empty() || console.starts_with("Connected:\n"), "the console without an answer: " + shown(console));
     check(!console.ends_with("\r\n\r\n\r\n\n"), "shown as answered, and is not: " + shown(console));
-    check(answer.empty() || answer.starts_with("HTTP/1.1 4") || answer.starts_with("HTTP/1.1 5") ||
-              answer.starts_with("HTTP/1.0 4") || answer.starts_with("HTTP/1.0 5"),
+    check(answer.empty() || status.starts_with('4') || status.starts_with('5'),
           "an answer of another kind: " + shown(answer));
   }
 }

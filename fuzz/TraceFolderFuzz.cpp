@@ -4,6 +4,7 @@
 // Input: a byte of choices and the pattern of the listing; then for each entry its kind, a byte for its time, and its
 // name. Texts end with a zero byte.
 
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
