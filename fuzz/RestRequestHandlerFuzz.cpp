@@ -77,7 +77,8 @@ MadeRequest makeRequest(Input& input, bool longBody) {
   request.shownHead = method + " " + path + (request.query.empty() ? "" : "?" + request.query) + " HTTP/1.1\n";
   const std::size_t headers = input.byte() % kMostHeaders;
   for (std::size_t i = 0; i < headers; ++i) {
-    const std::string name = "X-" + lettersOf(input.text(), kLongestName);
+    // No name twice: the library puts headers of one name together.
+    const std::string name = "X" + std::to_string(i) + "-" + lettersOf(input.text(), kLongestName);
     request.shownHead += name + ": v" + lettersOf(input.text(), kLongestName) + "\n";
   }
   const std::string piece = input.rest();
