@@ -12,7 +12,7 @@ source "$(dirname "${BASH_SOURCE[0]}")/setup.sh"
 # For the check that is soon over.
 replay_seconds=3
 # One input may take so long at most, or it counts as a hang.
-input_seconds=10
+input_seconds=60
 
 need "${KELTOP_BUILD_PACKAGES[@]}" "${KELTOP_FUZZ_PACKAGES[@]}"
 seconds=${1:-$replay_seconds}
