@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 
 #include "platform/Files.h"
@@ -39,13 +41,20 @@ TEST(LinuxFiles, aDanglingLinkIsFollowedOnceItsFolderIsThere) {
   closeFile(file);
 }
 
-TEST(LinuxFiles, aDeviceOrAPipeIsNotCopied) {
+volatile std::sig_atomic_t grewTooLarge = 0;
+
+TEST(LinuxFiles, aDeviceWithoutAnEndIsNotCopied) {
   const TemporaryFolder folder;
-  ASSERT_EQ(::mkfifo((folder / "pipe").c_str(), 0600), 0);
-  // Others have no end: copying them would not fail but go on.
-  fs::create_symlink("/dev/null", folder / "device");
-  EXPECT_FALSE(copyFile(folder / "pipe", folder / "copy"));
-  EXPECT_FALSE(copyFile(folder / "device", folder / "copy"));
+  fs::create_symlink("/dev/zero", folder / "zero");
+  rlimit usual = {};
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &usual), 0);
+  const rlimit small = {1'000'000, usual.rlim_max};
+  const auto before = std::signal(SIGXFSZ, [](int) { grewTooLarge = 1; });
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+  EXPECT_FALSE(copyFile(folder / "zero", folder / "copy"));
+  EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &usual), 0);
+  (void)std::signal(SIGXFSZ, before);
+  EXPECT_EQ(grewTooLarge, 0);
   EXPECT_FALSE(pathExists(folder / "copy"));
 }
 
