@@ -5,3 +5,7 @@ if(KELTOP_SANITIZE)
     add_compile_options(-fno-sanitize-recover=undefined)
   endif()
 endif()
+if(KELTOP_FUZZ)
+  # The fuzzer sees which of the program's ways an input takes.
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()

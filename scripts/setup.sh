@@ -68,6 +68,13 @@ KELTOP_WINE_PACKAGES=(
   "wine64:runs 64-bit Windows programs"
 )
 
+# What fuzzing needs besides.
+KELTOP_FUZZ_PACKAGES=(
+  "clang:the compiler with the fuzzer"
+  "libclang-rt-14-dev:the fuzzer and the sanitizers"
+  "libexpat1-dev:independent reader of the XML that the program writes"
+)
+
 # What the benchmarks need besides.
 KELTOP_BENCH_PACKAGES=(
   "libbenchmark-dev:micro-benchmarks"

@@ -51,7 +51,7 @@ class AppendGate {
 };
 
 /// Copies the content and the write time; a file under the new name is replaced. After a failure, a copy that was
-/// begun is gone.
+/// begun is gone. Linux: only files are copied, and only to files, or to where nothing is.
 bool copyFile(const std::string& from, const std::string& to) noexcept;
 
 /// Removes a file, not a folder and not a file that is open for appending.

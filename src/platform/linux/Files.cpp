@@ -56,6 +56,12 @@ void takeBack(FileHandle file, ssize_t written) noexcept {
   }
 }
 
+/// A device or a pipe under a file's name, or a link to one, may have no end, or swallow what is written.
+bool isRegular(int file) noexcept {
+  struct stat status = {};
+  return ::fstat(file, &status) == 0 && S_ISREG(status.st_mode);
+}
+
 bool copyContent(int from, int to) noexcept {
   constexpr std::size_t kPiece = std::size_t{1} << 30U;
   for (;;) {
@@ -87,9 +93,8 @@ bool probeFile(const std::string& path) noexcept {
 
 FileHandle openSharedAppend(const std::string& path) noexcept {
   const FileHandle file = openOrCreate(path);
-  struct stat status = {};
   // A pipe or a device in the file's place could hang the writer.
-  if (file != kNoFile && (::fstat(file, &status) != 0 || !S_ISREG(status.st_mode))) {
+  if (file != kNoFile && !isRegular(file)) {
     (void)::close(file);
     return kNoFile;
   }
@@ -141,11 +146,11 @@ AppendGate::~AppendGate() {
 
 bool copyFile(const std::string& from, const std::string& to) noexcept {
   const FileDescriptor source(::open(from.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  if (!source.valid()) {
+  if (!source.valid() || !isRegular(source.get())) {
     return false;
   }
   const FileDescriptor target(::open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, kFileMode));
-  if (!target.valid()) {
+  if (!target.valid() || !isRegular(target.get())) {
     return false;
   }
   if (copyContent(source.get(), target.get()) && copyWriteTime(source.get(), target.get())) {

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 
 #include "platform/Files.h"
@@ -67,6 +68,31 @@ TEST(LinuxFiles, aSearchLeavesOutLinksToNowhere) {
   const TemporaryFolder folder;
   fs::create_symlink(folder / "missing", folder / "a");
   EXPECT_TRUE(findFiles(folder.path().string(), "*").empty());
+}
+
+volatile std::sig_atomic_t grewTooLarge = 0;
+
+TEST(LinuxFiles, aDeviceWithoutAnEndIsNotCopied) {
+  const TemporaryFolder folder;
+  fs::create_symlink("/dev/zero", folder / "zero");
+  rlimit usual = {};
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &usual), 0);
+  const rlimit small = {1'000'000, usual.rlim_max};
+  const auto before = std::signal(SIGXFSZ, [](int) { grewTooLarge = 1; });
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+  EXPECT_FALSE(copyFile(folder / "zero", folder / "copy"));
+  EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &usual), 0);
+  (void)std::signal(SIGXFSZ, before);
+  EXPECT_EQ(grewTooLarge, 0);
+  EXPECT_FALSE(pathExists(folder / "copy"));
+}
+
+TEST(LinuxFiles, nothingIsCopiedToWhatKeepsNothing) {
+  const TemporaryFolder folder;
+  writeContent(folder / "a", "x");
+  fs::create_symlink("/dev/null", folder / "null");
+  EXPECT_FALSE(copyFile(folder / "a", folder / "null"));
+  EXPECT_TRUE(fs::is_symlink(folder / "null"));
 }
 
 }  // namespace
