@@ -234,9 +234,9 @@ def nginx(keltop, certificates):
     os.makedirs(os.path.join(folder, "files"))
     started = []
 
-    def start(protocol):
+    def start(protocol, kind="expired"):
         port = free_port()
-        certificate, key = certificates["expired"]
+        certificate, key = certificates[kind]
         with open(os.path.join(folder, "nginx.conf"), "w", encoding="ascii") as configuration:
             configuration.write(f"""
 daemon off; master_process off; pid {folder}/pid; error_log {folder}/errors;
@@ -262,9 +262,10 @@ http {{
         process.wait(60)
 
 
+@pytest.mark.parametrize("kind", CERTIFICATES)
 @pytest.mark.parametrize("protocol", ["TLSv1.2", "TLSv1.3"])
-def test_nginx(keltop, nginx, protocol):
-    port = nginx(protocol)
+def test_nginx(keltop, nginx, protocol, kind):
+    port = nginx(protocol, kind)
     console = exchange_of(keltop.run("-rsi", "json", "-url", f"https://127.0.0.1:{port}/say"))
     head, body = console.split(b"\n\r\nReceived:\r\n", 1)[1].split(b"\r\n\r\n\r\n")
     assert head.startswith(b"HTTP/1.1 OK 200\r\nServer: nginx/")
