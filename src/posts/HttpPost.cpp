@@ -49,7 +49,8 @@ constexpr Poco::Timespan::TimeDiff kLookMicroseconds = 1000;
 /// when the response is read.
 class SecureSession : public Poco::Net::HTTPSClientSession {
  public:
-  using HTTPSClientSession::HTTPSClientSession;
+  SecureSession(const std::string& host, std::uint16_t port, const Context::Ptr& context)
+      : HTTPSClientSession(host, port, context) {}
 
  protected:
   void connect(const Poco::Net::SocketAddress& address) override {
