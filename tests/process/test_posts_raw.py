@@ -139,6 +139,7 @@ def test_a_peer_that_sends_nothing_and_closes(keltop):
     assert console.endswith(b"</inventory>\n\r\n\nPost(1089) Zerio bytes read\n")
 
 
+@windows_cannot("Wine tells a reset as an end, or not at all")
 def test_reset_while_sending(keltop):
     def serve(peer, connection):
         assert connection.recv(1000)
