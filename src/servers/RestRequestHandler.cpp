@@ -23,6 +23,8 @@ using Poco::Net::HTTPServerResponse;
 using Poco::Net::MessageHeader;
 
 constexpr std::size_t kBodyBufferSize = 8192;
+/// Room for the head of a message as most clients send it, so that collecting it does not move it again and again.
+constexpr std::size_t kUsualHeadSize = 512;
 constexpr unsigned kSiteDump = 418;
 
 const std::string& serverAgent() {
@@ -56,7 +58,9 @@ void printConnection(std::ostream& console, const HTTPServerRequest& request, co
 }
 
 void printRequest(std::ostream& console, const HTTPServerRequest& request, const Poco::URI& uri) {
-  std::string text = "\r\nRequest:\n";
+  std::string text;
+  text.reserve(kUsualHeadSize);
+  text.append("\r\nRequest:\n");
   text.append(request.getMethod()).append(" ").append(uri.getPathEtc()).append(" ").append(request.getVersion());
   text.append("\n");
   appendHeaders(text, request, "\n");
@@ -95,7 +99,9 @@ void printResponse(std::ostream& console, const HTTPServerResponse& response) {
   try {
     // The status comes first and the version last, the reverse of a status line, on purpose.
     const HTTPResponse::HTTPStatus status = response.getStatus();
-    std::string dump = Poco::NumberFormatter::format(static_cast<int>(status));
+    std::string dump;
+    dump.reserve(kUsualHeadSize);
+    Poco::NumberFormatter::append(dump, static_cast<int>(status));
     dump.append(" ").append(HTTPResponse::getReasonForStatus(status));
     dump.append(" ").append(response.getVersion()).append("\r\n");
     appendHeaders(dump, response, "\r\n");
