@@ -1,11 +1,13 @@
 // A process that traces as fast or as slowly as it is told to. It makes the writer's passes itself, so that it knows
 // which records were written. Only the module of the program is used, with rotation.
 //
-//   flood SECONDS TAG LENGTH [PAUSE]
-//           prints "ready", waits for a line on standard input, writes for that long lines whose text is "TAG:NUMBER:"
-//           filled up to the length, with that many milliseconds between two passes, and prints how many
+//   flood TAG LENGTH [PAUSE]
+//           prints "ready", waits for a line on standard input, writes until the next one, or the end of the input,
+//           lines whose text is "TAG:NUMBER:" filled up to the length, with that many milliseconds between two passes,
+//           and prints how many
 //   steps   writes each line of standard input, and prints "done" when its pass is over
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
@@ -36,14 +38,22 @@ class Agent {
   TraceWriter writer_{control_};
 };
 
-int flood(std::chrono::seconds duration, const std::string& tag, std::size_t length, std::chrono::milliseconds pause) {
-  Agent agent;
+void waitForLine() {
   std::string line;
-  std::cout << "ready" << std::endl;
   std::getline(std::cin, line);
+}
+
+int flood(const std::string& tag, std::size_t length, std::chrono::milliseconds pause) {
+  Agent agent;
+  std::cout << "ready" << std::endl;
+  waitForLine();
+  std::atomic<bool> enough = false;
+  const std::jthread listener([&enough] {
+    waitForLine();
+    enough = true;
+  });
   std::uint64_t written = 0;
-  const auto end = std::chrono::steady_clock::now() + duration;
-  while (std::chrono::steady_clock::now() < end) {
+  while (!enough) {
     for (std::uint64_t i = 0; i < kRecordsOfAPass; ++i) {
       std::string text = tag + ":" + std::to_string(written++) + ":";
       text.resize(length, 'x');
@@ -69,9 +79,9 @@ int steps() {
 }
 
 int run(const std::vector<std::string>& words) {
-  if ((words.size() == 4 || words.size() == 5) && words[0] == "flood") {
-    const std::chrono::milliseconds pause(words.size() == 5 ? std::stoi(words[4]) : 0);
-    return flood(std::chrono::seconds(std::stoi(words[1])), words[2], std::stoul(words[3]), pause);
+  if ((words.size() == 3 || words.size() == 4) && words[0] == "flood") {
+    const std::chrono::milliseconds pause(words.size() == 4 ? std::stoi(words[3]) : 0);
+    return flood(words[1], std::stoul(words[2]), pause);
   }
   if (words.size() == 1 && words[0] == "steps") {
     return steps();

@@ -26,7 +26,7 @@ from conftest import LONG, Keltop, eventually, port_in_use, without_trace
 from listeners import Listener, port_beside_the_clients
 from posts import Posts
 from test_http import connect, read_to_end
-from test_traces import Copies, TraceAgent, live
+from test_traces import Copies, TraceAgent, live, stop
 from traces import Lines, flood_words, left_objects
 
 WORKERS = 16  # connections that a listener serves at a time
@@ -109,8 +109,8 @@ class Soak:
                 yield make(Resetting, name, 40 + number)
         yield Posts(0, self.program, self.counts["posts"], self.stop)
 
-    def agent(self, tag, seconds):
-        agent = TraceAgent(self.program, self._agent_command, *flood_words(seconds, tag))
+    def agent(self, tag):
+        agent = TraceAgent(self.program, self._agent_command, *flood_words(tag))
         self._agents.callback(agent.close)
         assert agent.answer() == "ready"
         agent.tell()
@@ -128,7 +128,7 @@ class Soak:
     def kill_writers(self):
         dice = random.Random(1068)
         while not self.stop.is_set():
-            agent = self.agent(f"C{self.writers_killed}", 60)
+            agent = self.agent(f"C{self.writers_killed}")
             self.stop.wait(dice.uniform(0.2, 3))
             agent.close()
             self.writers_killed += 1
@@ -153,7 +153,7 @@ class Soak:
         with self._agents:
             self.start_listeners()
             measured = {name: Measured(self.listeners[name].life) for name in ("http", "raw")}
-            writers = {tag: self.agent(tag, self.seconds) for tag in "AB"}
+            writers = {tag: self.agent(tag) for tag in "AB"}
             threads = list(self.clients())
             threads += [threading.Thread(target=self._guarded, args=(part,), daemon=True)
                         for part in (self.kill_listeners, self.kill_writers, self.start_seconds)]
@@ -163,7 +163,7 @@ class Soak:
             for thread in threads:
                 thread.join(4 * LONG)
                 self.check(not thread.is_alive(), f"{thread.name} does not end")
-            written = {tag.encode(): int(agent.answer()) for tag, agent in writers.items()}
+            written = dict(zip((tag.encode() for tag in writers), stop(writers.values())))
             self._settle(measured)
             self._end_listeners()
             self._start_again()

@@ -63,8 +63,8 @@ class Lines:
             self.next[line[2]] = number + 1
 
 
-def flood_words(seconds, tag):
-    return "flood", str(seconds), tag, str(LENGTH), str(PAUSE)
+def flood_words(tag):
+    return "flood", tag, str(LENGTH), str(PAUSE)
 
 
 def left_objects(program):
