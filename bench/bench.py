@@ -346,9 +346,7 @@ def main():
     options.add_argument("--quick", action="store_true", help="shorter rounds, for trying the benchmark itself")
     options.add_argument("only", nargs="*", help="http, raw, start, posts, trace, xml, windows or growth; all without")
     given = options.parse_args()
-    # In memory where there is room for it: the programs are compared, not the disk that their output is written to.
-    memory = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
-    with tempfile.TemporaryDirectory(prefix="keltop-bench-", dir=memory) as folder:
+    with tempfile.TemporaryDirectory(prefix="keltop-bench-") as folder:
         bench = Bench(given.build, given.windows, folder)
         parts = {"http": lambda: bench.http(3 if given.quick else 15, 1 if given.quick else 2),
                  "raw": lambda: bench.raw(1 if given.quick else 5, 20),

@@ -66,6 +66,7 @@ KELTOP_WINDOWS_PACKAGES=(
 KELTOP_WINE_PACKAGES=(
   "wine:runs Windows programs"
   "wine64:runs 64-bit Windows programs"
+  "python3-pytest-rerunfailures:runs a test again in which Wine lost the start of a program"
 )
 
 # What fuzzing needs besides.

@@ -18,12 +18,26 @@ ConsoleStream::Buffer::Buffer() {
   pending_.reserve(kUsualBlockSize);
 }
 
+void ConsoleStream::Buffer::append(std::string_view text) {
+  if (text.size() >= kWriteThroughSize) {
+    sync();
+    (void)platform::writeStandardOutput(text);
+  } else {
+    pending_.append(text);
+  }
+}
+
 ConsoleStream::ConsoleStream() : std::ostream(nullptr) {
   rdbuf(&buffer_);
 }
 
 ConsoleStream::~ConsoleStream() {
   flush();
+}
+
+ConsoleStream& ConsoleStream::append(std::string_view text) {
+  buffer_.append(text);
+  return *this;
 }
 
 ConsoleStream::Buffer::int_type ConsoleStream::Buffer::overflow(int_type character) {
@@ -34,13 +48,7 @@ ConsoleStream::Buffer::int_type ConsoleStream::Buffer::overflow(int_type charact
 }
 
 std::streamsize ConsoleStream::Buffer::xsputn(const char_type* text, std::streamsize length) {
-  const std::string_view piece(text, static_cast<std::size_t>(length));
-  if (piece.size() >= kWriteThroughSize) {
-    sync();
-    (void)platform::writeStandardOutput(piece);
-  } else {
-    pending_.append(piece);
-  }
+  append({text, static_cast<std::size_t>(length)});
   return length;
 }
 

@@ -19,10 +19,14 @@ class ConsoleStream : public std::ostream {
   ConsoleStream(const ConsoleStream&) = delete;
   ConsoleStream& operator=(const ConsoleStream&) = delete;
 
+  /// Inserts the text without the formatting of a stream, for who prints much and often.
+  ConsoleStream& append(std::string_view text);
+
  private:
   class Buffer : public std::streambuf {
    public:
     Buffer();
+    void append(std::string_view text);
 
    protected:
     int_type overflow(int_type character) override;

@@ -42,29 +42,28 @@ void setHeaders(const std::string& serverAddress, HTTPServerResponse& response) 
   response.set("Location", serverAddress);
 }
 
-void appendHeaders(std::string& text, const MessageHeader& headers, std::string_view lineEnd) {
+template <typename Text>
+void appendHeaders(Text& text, const MessageHeader& headers, std::string_view lineEnd) {
   for (const auto& [name, value] : headers) {
     text.append(name).append(": ").append(value).append(lineEnd);
   }
 }
 
-void printConnection(std::ostream& console, const HTTPServerRequest& request, const std::string& serverAddress,
+void printConnection(ConsoleStream& console, const HTTPServerRequest& request, const std::string& serverAddress,
                      const Poco::URI& uri) {
-  console << "Connected:\n"
-          << "  Client: " << request.clientAddress().toString() << '\n'
-          << "  Server: " << serverAddress << '\n'
-          << "  Path: " << uri.getPath() << '\n'
-          << "  Query: " << uri.getQuery() << '\n';
+  console.append("Connected:\n");
+  console.append("  Client: ").append(request.clientAddress().toString()).append("\n");
+  console.append("  Server: ").append(serverAddress).append("\n");
+  console.append("  Path: ").append(uri.getPath()).append("\n");
+  console.append("  Query: ").append(uri.getQuery()).append("\n");
 }
 
-void printRequest(std::ostream& console, const HTTPServerRequest& request, const Poco::URI& uri) {
-  std::string text;
-  text.reserve(kUsualHeadSize);
-  text.append("\r\nRequest:\n");
-  text.append(request.getMethod()).append(" ").append(uri.getPathEtc()).append(" ").append(request.getVersion());
-  text.append("\n");
-  appendHeaders(text, request, "\n");
-  console << text.append("\n");
+void printRequest(ConsoleStream& console, const HTTPServerRequest& request, const Poco::URI& uri) {
+  console.append("\r\nRequest:\n");
+  console.append(request.getMethod()).append(" ").append(uri.getPathEtc()).append(" ").append(request.getVersion());
+  console.append("\n");
+  appendHeaders(console, request, "\n");
+  console.append("\n");
 }
 
 /// What a client says about itself. It is looked up for each request and changes nothing, on purpose.
@@ -90,7 +89,7 @@ void printBody(ConsoleStream& console, HTTPServerRequest& request) {
   console.flush();  // the client may take its time to send the body
   std::string body;
   Poco::StreamCopier::copyToString(request.stream(), body, kBodyBufferSize);
-  console << body << '\n';
+  console.append(body).append("\n");
 }
 
 }  // namespace
@@ -123,11 +122,11 @@ void RestRequestHandler::handleRequest(HTTPServerRequest& request, HTTPServerRes
   [[maybe_unused]] const ClientWords words(request);
   printBody(console, request);
   response.setStatusAndReason(HTTPResponse::HTTP_OK);
-  console << "\r\nResponse:\n";
+  console.append("\r\nResponse:\n");
   printResponse(console, response);
   // Only into the library's buffer, which is sent when the handler has returned: nothing blocks here.
   response.send();
-  console << "\r\n\n";
+  console.append("\r\n\n");
 }
 
 }  // namespace keltop

@@ -189,6 +189,7 @@ class Running:
     """A started program. Its standard output is collected unless it is led somewhere else."""
 
     def __init__(self, command, env, text_mode, **options):
+        self._command = command
         self.process = subprocess.Popen(command, env=env, **{"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE,
                                                              "stderr": subprocess.PIPE, **options})
         piped = self.process.stdout is not None
@@ -210,7 +211,11 @@ class Running:
         return self._collected.output
 
     def wait_for(self, text, **limits):
-        return self._collected.wait_for(text, **limits)
+        try:
+            return self._collected.wait_for(text, **limits)
+        except AssertionError:
+            wine.check_start(self._command, self.process.poll(), self.output)
+            raise
 
     def wait_for_size(self, size, **limits):
         self._collected.wait_for_size(size, **limits)
@@ -223,6 +228,7 @@ class Running:
         code = self.process.wait(timeout)
         if self._collected:
             self._collected.wait_for_end(timeout)
+            wine.check_start(self._command, code, self.output)
         return code
 
     def interrupt(self, timeout=LONG):
@@ -271,6 +277,7 @@ class Keltop:
         env = options.pop("env", self.env)
         done = subprocess.run([*self.command, *switches], env=env, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                               timeout=timeout, **options)
+        wine.check_start(self.command, done.returncode, done.stdout)
         done.stdout = self.text_mode(done.stdout)
         return done
 
@@ -334,6 +341,8 @@ class Agent:
     """A process that holds and uses machine-wide objects, one command a line."""
 
     def __init__(self, command, folder, **options):
+        self._command = command
+        self._answered = False
         self.process = subprocess.Popen(command, env={**os.environ, "KELTOP_OBJECT_DIR": folder},
                                         stdin=subprocess.PIPE, stdout=subprocess.PIPE, **options)
 
@@ -344,7 +353,11 @@ class Agent:
 
     def answer(self):
         """The next answer, as text."""
-        return self.process.stdout.readline().decode().strip()
+        line = self.process.stdout.readline()
+        if not line and not self._answered:
+            wine.check_start(self._command, self.process.wait(LONG), line)
+        self._answered = True
+        return line.decode().strip()
 
     def ask(self, *words):
         self.tell(*words)

@@ -10,8 +10,21 @@ import shutil
 import subprocess
 import tempfile
 
+# How a start ends that Wine, or the loader of the system beneath it, lost: before the program had a turn.
+LOST_START_CODES = (1, 127)
+
 INSTALLATION_KEY = r"HKLM\Software\Microsoft\Windows\CurrentVersion\Uninstall\tarvik"
 DATA_LOCATION = "DataLocation"
+
+
+class LostStart(AssertionError):
+    """A program under Wine ended before it did anything. A test that meets it is run again, and counted as such."""
+
+
+def check_start(command, code, output):
+    """Every program of the tests prints something first, or is killed; one that could not be started does not."""
+    if command[0] == "wine" and not output and code in LOST_START_CODES:
+        raise LostStart(f"Wine lost the start of {' '.join(command[1:])}: code {code}, no output")
 
 
 def make_prefix(template):

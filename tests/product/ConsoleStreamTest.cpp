@@ -35,6 +35,9 @@ TEST(ConsoleStream, keepsTheOrderOfShortAndLongTexts) {
   CaptureStdout();
   { ConsoleStream() << "before" << longText << "after"; }
   EXPECT_EQ(GetCapturedStdout(), "before" + longText + "after");
+  CaptureStdout();
+  { (ConsoleStream() << "a").append("b").append(longText).append("c") << "d"; }
+  EXPECT_EQ(GetCapturedStdout(), "ab" + longText + "cd");
 }
 
 TEST(ConsoleStream, carriesEveryByte) {
