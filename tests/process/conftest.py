@@ -337,27 +337,41 @@ def keltop(request):
             program.close()
 
 
-class Agent:
+class Conversation:
+    """A process that takes a line at a time on its standard input, and answers so."""
+
+    def __init__(self, command, **options):
+        self._command = command
+        self._answered = False
+        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, **options)
+
+    def tell(self, *words):
+        """Sends a line without waiting for its answer."""
+        try:
+            self.process.stdin.write((" ".join(map(str, words)) + "\n").encode())
+            self.process.stdin.flush()
+        except BrokenPipeError:
+            self._check_start()
+            raise
+
+    def answer(self):
+        """The next answer, as text; empty when the process has ended."""
+        line = self.process.stdout.readline()
+        if not line:
+            self._check_start()
+        self._answered = True
+        return line.decode().strip()
+
+    def _check_start(self):
+        if not self._answered:
+            wine.check_start(self._command, self.process.wait(LONG), b"")
+
+
+class Agent(Conversation):
     """A process that holds and uses machine-wide objects, one command a line."""
 
     def __init__(self, command, folder, **options):
-        self._command = command
-        self._answered = False
-        self.process = subprocess.Popen(command, env={**os.environ, "KELTOP_OBJECT_DIR": folder},
-                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE, **options)
-
-    def tell(self, *words):
-        """Sends a command without waiting for its answer."""
-        self.process.stdin.write((" ".join(map(str, words)) + "\n").encode())
-        self.process.stdin.flush()
-
-    def answer(self):
-        """The next answer, as text."""
-        line = self.process.stdout.readline()
-        if not line and not self._answered:
-            wine.check_start(self._command, self.process.wait(LONG), line)
-        self._answered = True
-        return line.decode().strip()
+        super().__init__(command, env={**os.environ, "KELTOP_OBJECT_DIR": folder}, **options)
 
     def ask(self, *words):
         self.tell(*words)

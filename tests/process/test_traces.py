@@ -14,8 +14,8 @@ import time
 
 import pytest
 
-from conftest import (AS_NOBODY, Agents, ECHOED_BANNER, ECHOED_STOP, LONG, START_BANNER, TIME_STAMP, as_root,
-                      eventually, free_port, without_trace)
+from conftest import (AS_NOBODY, Agents, Conversation, ECHOED_BANNER, ECHOED_STOP, LONG, START_BANNER, TIME_STAMP,
+                      as_root, eventually, free_port, without_trace)
 
 FULL = 50_000_000
 
@@ -50,19 +50,11 @@ def texts(content):
     return found
 
 
-class TraceAgent:
+class TraceAgent(Conversation):
     """A process that traces what it is told to."""
 
     def __init__(self, program, command, *words, **options):
-        self.process = subprocess.Popen([*command, *words], env=program.env, stdin=subprocess.PIPE,
-                                        stdout=subprocess.PIPE, **options)
-
-    def answer(self):
-        return self.process.stdout.readline().decode().strip()
-
-    def tell(self, line=""):
-        self.process.stdin.write(line.encode() + b"\n")
-        self.process.stdin.flush()
+        super().__init__([*command, *words], env=program.env, **options)
 
     def write(self, line):
         self.tell(line)
