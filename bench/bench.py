@@ -4,8 +4,10 @@ Each ratio is the median of pairs taken one right after the other, so that what 
 """
 
 import argparse
+import datetime
 import json
 import os
+import platform
 import re
 import signal
 import socket
@@ -338,12 +340,27 @@ http {{
                  for row in [heads, tuple("-" * width for width in widths[:4]) + ("",), *self.rows]]
         return "\n".join(lines)
 
+    def page(self, command):
+        """The table as a page of its own, with what it was measured on."""
+        with open("/proc/cpuinfo", encoding="utf-8") as processors:
+            model = re.search(r"^model name\s*: (.*)$", processors.read(), re.MULTILINE)
+        memory = os.sysconf("SC_PHYS_PAGES") * os.sysconf("SC_PAGE_SIZE") / 2 ** 30
+        cells = [("what", "keltop", "compared with", "wanted", ""), ("---",) * 5, *self.rows]
+        return "\n".join([
+            "# What it costs", "",
+            "Every figure is a ratio measured side by side with a peer, in one run. The benchmark writes this page.", "",
+            "| | |", "| --- | --- |", f"| command | `{command}` |", f"| date | {datetime.date.today()} |",
+            f"| machine | {os.cpu_count()} cores of {model[1].strip() if model else platform.machine()}, {memory:.0f} GiB, "
+            f"{platform.system()} {platform.release().split('-')[0]} |", "",
+            *("| " + " | ".join(row) + " |" for row in cells)]) + "\n"
+
 
 def main():
     options = argparse.ArgumentParser(description=__doc__)
     options.add_argument("--build", required=True, help="the folder of the built programs")
     options.add_argument("--windows", help="the program for Windows, where it has been built")
     options.add_argument("--quick", action="store_true", help="shorter rounds, for trying the benchmark itself")
+    options.add_argument("--page", help="the file to write the table to, as a page")
     options.add_argument("only", nargs="*", help="http, raw, start, posts, trace, xml, windows or growth; all without")
     given = options.parse_args()
     with tempfile.TemporaryDirectory(prefix="keltop-bench-") as folder:
@@ -360,6 +377,9 @@ def main():
             if not given.only or name in given.only:
                 part()
         print(bench.table())
+        if given.page:
+            with open(given.page, "w", encoding="utf-8") as page:
+                page.write(bench.page(" ".join(["scripts/bench.sh", *given.only])))
         return 1 if bench.missed else 0
 
 

@@ -239,6 +239,13 @@ struct PruneCase {
   Names left;
 };
 
+void PrintTo(const PruneCase& prune, std::ostream* out) {
+  *out << prune.copies.size() << " copies";
+  for (const auto& [name, age] : prune.copies) {
+    *out << ' ' << name << ' ' << age << 's';
+  }
+}
+
 class LogFilePrune : public LogFileTest, public testing::WithParamInterface<PruneCase> {};
 
 TEST_P(LogFilePrune, theOldestGoUntilFourFilesAreLeft) {

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <future>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -225,24 +226,22 @@ TEST_F(WriterTest, aRegistryThatIsNotFreeWithinASecondLosesTheRecord) {
   control_.setEcho(true);
   pushNumbers(1, 1);
   writer_.pass();
-  std::atomic<bool> held = false;
-  std::atomic<bool> passed = false;
+  std::promise<void> held;
+  std::promise<void> passed;
   std::thread holder([&] {
-    ASSERT_EQ(control_.moduleLock_.lock(kLong), platform::kWaitObject);
-    held = true;
-    held.notify_all();
-    passed.wait(false);
+    EXPECT_EQ(control_.moduleLock_.lock(kLong), platform::kWaitObject);
+    held.set_value();
+    passed.get_future().wait();
     control_.moduleLock_.unlock();
   });
-  held.wait(false);
+  held.get_future().wait();
   testing::internal::CaptureStdout();
   pushNumbers(2, 2);
   const auto before = std::chrono::steady_clock::now();
   writer_.pass();
   EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::seconds(2))
       << "the files' look-up and the record's";
-  passed = true;
-  passed.notify_all();
+  passed.set_value();
   holder.join();
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
   pushNumbers(3, 3);
