@@ -36,6 +36,7 @@ BUILD_LIMIT = 900
 
 UNIT_PROGRAMS = {  # the suites that are not in keltop_tests
     "RefusedAccess": "keltop_refused_access_tests",
+    "SocketOptions": "keltop_push_tests",
     "ZPushServiceWithoutContext": "keltop_push_tests",
     "ZPushServices": "keltop_push_tests",
     "ZPushWithoutContext": "keltop_push_tests",

@@ -28,6 +28,8 @@ std::uint32_t tryLock(const std::string& name) {
 
 TEST(MutexAutoLock, ownsTheMutexOfNameAndSuffixForItsLife) {
   const std::string name = uniqueName();
+  Mutex other;  // keeps the object in being, so that closing it is not enough
+  other.create(name + "-x", true);
   {
     const MutexAutoLock lock(name, "-x");
     EXPECT_EQ(tryLock(name + "-x"), platform::kWaitTimeout);

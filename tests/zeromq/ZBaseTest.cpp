@@ -194,8 +194,11 @@ TEST_F(ZSockets, theContextEndsWithItsLastUserUnlessASocketIsOpen) {
   }
   {
     const ZContext one;
-    const ZContext two;
-    EXPECT_EQ(sharedState().contextUsers, 2);
+    {
+      const ZContext two;
+      EXPECT_EQ(sharedState().contextUsers, 2);
+    }
+    EXPECT_NE(sharedState().context, nullptr) << "one is left";
   }
   EXPECT_EQ(sharedState().context, nullptr);
 }
