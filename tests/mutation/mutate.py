@@ -34,6 +34,8 @@ RESULTS = WORK / "results.json"
 TEST_LIMIT = 120  # seconds for the tests of one mutation; a run that takes longer hangs, which counts as noticed
 BUILD_LIMIT = 900
 
+FOLDERS = ("cmake", "docs", "packaging", "src", "tests")  # what the copy has; a test reads a page
+
 UNIT_PROGRAMS = {  # the suites that are not in keltop_tests
     "RefusedAccess": "keltop_refused_access_tests",
     "SocketOptions": "keltop_push_tests",
@@ -163,11 +165,11 @@ class Tree:
     def renew(self):
         """Makes the copy what the tree is now, touching only what has changed."""
         wanted = set()
-        for folder in ("cmake", "packaging", "src", "tests"):
+        for folder in FOLDERS:
             wanted.update(path.relative_to(ROOT) for path in (ROOT / folder).rglob("*")
                           if path.is_file() and "__pycache__" not in path.parts)
         wanted.update(pathlib.Path(name) for name in ("CMakeLists.txt", "CMakePresets.json"))
-        for folder in ("cmake", "packaging", "src", "tests"):
+        for folder in FOLDERS:
             for path in list((self.copy / folder).rglob("*")):
                 if path.is_file() and path.relative_to(self.copy) not in wanted:
                     path.unlink()

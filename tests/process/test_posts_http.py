@@ -130,6 +130,8 @@ RESPONSES = {
             b"HTTP/1.1 Moved 301\r\nLocation: http://127.0.0.1:1/\r\nContent-Length: 0\r\n\r\n\r\n"),
     "500": (b"HTTP/1.1 500 Internal Server Error\r\nContent-Length: 3\r\n\r\noh!",
             b"HTTP/1.1 Internal Server Error 500\r\nContent-Length: 3\r\n\r\noh!\r\n"),
+    "999": (b"HTTP/1.1 999 Denied\r\nContent-Length: 0\r\n\r\n",
+            b"HTTP/1.1 Denied 999\r\nContent-Length: 0\r\n\r\n\r\n"),
     "no reason": (b"HTTP/1.0 299\r\nContent-Length: 0\r\n\r\n", b"HTTP/1.0  299\r\nContent-Length: 0\r\n\r\n\r\n"),
     # The library's collection keeps headers of one name together.
     "repeated and empty headers": (b"HTTP/1.1 200 OK\r\nZ: 1\r\nA:\r\nZ: 2\r\nContent-Length: 0\r\n\r\n",

@@ -10,9 +10,6 @@ import shutil
 import subprocess
 import tempfile
 
-# How a start ends that Wine, or the loader of the system beneath it, lost: before the program had a turn.
-LOST_START_CODES = (1, 127)
-
 INSTALLATION_KEY = r"HKLM\Software\Microsoft\Windows\CurrentVersion\Uninstall\tarvik"
 DATA_LOCATION = "DataLocation"
 
@@ -23,7 +20,7 @@ class LostStart(AssertionError):
 
 def check_start(command, code, output):
     """Every program of the tests prints something first, or is killed; one that could not be started does not."""
-    if command[0] == "wine" and not output and code in LOST_START_CODES:
+    if command[0] == "wine" and not output and code is not None and code > 0:
         raise LostStart(f"Wine lost the start of {' '.join(command[1:])}: code {code}, no output")
 
 
@@ -60,8 +57,10 @@ def clear_data_location():
 
 
 def registry(verb, *options):
-    subprocess.run(["wine", "reg", verb, INSTALLATION_KEY, *options], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                   stderr=subprocess.DEVNULL, check=True)
+    command = ["wine", "reg", verb, INSTALLATION_KEY, *options]
+    done = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, check=False)
+    check_start(command, done.returncode, done.stdout + done.stderr)
+    done.check_returncode()
 
 
 def windows_path(path):
