@@ -263,7 +263,8 @@ bool modelCopy(Entries& entries) {
   }
   Entry& live = entries[std::string(kLiveName)];
   entries[copy] = live;
-  live.written = ::time(nullptr);
+  // The seconds of time() may be behind those that the system has just given a file.
+  live.written = std::max<std::int64_t>(::time(nullptr), live.written);
   return true;
 }
 
