@@ -880,6 +880,7 @@ def test_text_for_a_closed_standard_output_goes_nowhere_else(keltop):
     port = free_port()
     with started(keltop, port, "<&- >&- 2>&-") as process:
         asked(port)
+        assert [os.readlink(f"/proc/{process.pid}/fd/{number}") for number in range(3)] == ["/dev/null"] * 3
         folders = [keltop.objects, keltop.data]
         files = [os.path.join(at, name) for folder in folders for at, _, names in os.walk(folder) for name in names]
         assert files  # the shutdown event at least

@@ -429,6 +429,7 @@ GARBAGE = {
     "count": b"KELTOBJ1" + struct.pack("4I", 3, 9, 3, 0),
     "limit": b"KELTOBJ1" + struct.pack("4I", 3, 0, 0xFF000000, 0),
     "one byte more": b"KELTOBJ1" + struct.pack("4I", 1, 0, 1, 0) + b"\0",
+    "another magic": b"KELTOBJ2" + struct.pack("4I", 1, 0, 1, 0),
     "limit of an event": b"KELTOBJ1" + struct.pack("4I", 1, 0, 7, 0),
 }
 
