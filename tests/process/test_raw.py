@@ -50,7 +50,7 @@ class Listener:
         self._peers = contextlib.ExitStack()
 
     def connect(self, source=ANY):
-        return self._peers.enter_context(socket.create_connection(("127.0.0.1", self.port), 20, source))
+        return self._peers.enter_context(socket.create_connection(("127.0.0.1", self.port), LONG, source))
 
     def peer(self, source=ANY):
         """A connected peer that is being shown."""
