@@ -58,7 +58,7 @@ constexpr std::uint8_t kTwice = 16;
 
 constexpr std::array<const char*, 8> kKeys = {"ROOM", "FNAME", "LNAME", "ID", "CODE", "ITEM", "COUNT", "CATEGORY"};
 
-/// Stands for a digit in an expected text, where the date and the time are.
+/// Stands for a digit in an expected text, where the date and the time are; and for itself, which a path may hold.
 constexpr char kDigit = '\0';
 constexpr std::string_view kDate("\0\0\0\0\0\0\0\0", 8);
 constexpr std::string_view kTime("\0\0:\0\0:\0\0", 8);
@@ -69,7 +69,8 @@ bool fits(std::string_view expected, std::string_view actual) {
     return false;
   }
   for (std::size_t i = 0; i < expected.size(); ++i) {
-    if (expected[i] == kDigit ? std::isdigit(static_cast<unsigned char>(actual[i])) == 0 : expected[i] != actual[i]) {
+    const bool digit = expected[i] == kDigit && std::isdigit(static_cast<unsigned char>(actual[i])) != 0;
+    if (!digit && expected[i] != actual[i]) {
       return false;
     }
   }
