@@ -2,6 +2,8 @@
 # Nothing is printed and nothing is run with privilege when all are there.
 
 KELTOP_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+# Where servers are installed, which an ordinary account's path may lack: peers in tests and benchmarks.
+export PATH=$PATH:/usr/sbin:/sbin
 
 # What building the program needs, with the reason that is shown when it has to be installed.
 KELTOP_BUILD_PACKAGES=(
