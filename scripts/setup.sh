@@ -160,7 +160,7 @@ build() {
   shift
   log=$(mktemp)
   {
-    { [ -f "$folder/build.ninja" ] || (cd "$KELTOP_ROOT" && cmake --preset "$preset"); } &&
+    { [ "$folder/build.ninja" -nt "$KELTOP_ROOT/CMakePresets.json" ] || (cd "$KELTOP_ROOT" && cmake --preset "$preset"); } &&
       if [ $# -gt 0 ]; then
         cmake --build "$folder" --target "$@"
       else
