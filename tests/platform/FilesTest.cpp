@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <future>
 #include <string>
 #include <thread>
 #include <vector>
@@ -102,6 +103,22 @@ TEST_F(Files, nothingWrittenBesideACopyAndItsTruncationIsLost) {
   EXPECT_EQ(moved + fs::file_size(folder_ / "a"), static_cast<std::uintmax_t>(kTexts));
   closeFile(writer);
   closeFile(mover);
+}
+
+TEST_F(Files, whoHoldsTheGateKeepsOthersFromAppending) {
+  const FileHandle holder = open("a");
+  const FileHandle other = open("a");
+  std::future<bool> appended;
+  {
+    const AppendGate gate(holder);
+    appended = std::async(std::launch::async, [other] { return appendToFile(other, "line"); });
+    EXPECT_EQ(appended.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+    EXPECT_EQ(fs::file_size(folder_ / "a"), 0U);
+  }
+  EXPECT_TRUE(appended.get());
+  EXPECT_EQ(contentOf(folder_ / "a"), "line");
+  EXPECT_TRUE(closeFile(holder));
+  EXPECT_TRUE(closeFile(other));
 }
 
 TEST_F(Files, aCopyReplacesAndKeepsTheWriteTime) {
