@@ -959,6 +959,9 @@ def test_a_console_that_nobody_reads_does_not_hold_up_ctrl_c(keltop):
     out, into = os.pipe()
     with started(keltop, port, stdout=into) as process, connect(port) as client:
         os.close(into)
+        shown = b""
+        while b"Listening on: " not in shown:  # what the main thread has to say: it must not be held up itself
+            shown += os.read(out, 4096)
         client.sendall(post(b"x" * 1_000_000))  # which is more than the pipe holds
         eventually(lambda: held_by(out) >= 32_768, what="a pipe that fills")
         begin = time.monotonic()
