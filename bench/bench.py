@@ -379,7 +379,7 @@ def main():
         print(bench.table())
         if given.page:
             with open(given.page, "w", encoding="utf-8") as page:
-                page.write(bench.page(" ".join(["scripts/bench.sh", *given.only])))
+                page.write(bench.page(" ".join(["scripts/bench.sh", *(["--quick"] if given.quick else []), *given.only])))
         return 1 if bench.missed else 0
 
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs what the machine lacks, builds keltop and what it is compared with, and prints one table of ratios.
-# Arguments go to bench/bench.py: --quick, or the names of parts. The Windows build takes part where there is one
+# Arguments go to bench/bench.py: --quick, --page FILE, or the names of parts. The Windows build takes part where there is one
 # (scripts/build-windows.sh) and Wine to run it.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/setup.sh"
