@@ -85,13 +85,13 @@ class Asking(Client):
             with connect(self.listener.port) as client:
                 if self.listener.life is not life:
                     return False  # the connection is another process's
-                self.count.add("deserving")
                 server = address(client.getpeername())
                 push(client, request)
                 answer = read_to_end(client)
         except OSError as error:
             failure = error
         answered = bool(answer) and is_answer(answer, server)
+        self.count.add("deserving")
         if answered:
             self.count.add("answered")
         else:
