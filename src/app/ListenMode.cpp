@@ -11,8 +11,10 @@
 
 #include <chrono>
 #include <cstdint>
+#include <future>
 #include <memory>
 #include <string>
+#include <system_error>
 #include <thread>
 
 #include "platform/KernelObjects.h"
@@ -36,6 +38,9 @@ constexpr int kBacklog = 64;
 /// How long a stopped server's workers may take to finish what they are at.
 constexpr auto kWorkersGrace = std::chrono::milliseconds(200);
 constexpr auto kWorkersLook = std::chrono::milliseconds(2);
+
+/// How long the trace may take to end: somebody may keep its file's mutex, or have stopped reading what it echoes.
+constexpr auto kTraceGrace = std::chrono::seconds(2);
 
 /// Not ServerSocket(port): that also lets a second program listen on the port, unnoticed by both.
 Poco::Net::ServerSocket listenOn(std::uint16_t port) {
@@ -65,6 +70,18 @@ bool workersFinish() {
     std::this_thread::sleep_for(kWorkersLook);
   }
   return true;
+}
+
+/// Ends the process where the trace does not end in time: what is left of it is its last line.
+void endTrace() {
+  try {
+    const std::future<void> ended = std::async(std::launch::async, stopTrace);
+    if (ended.wait_for(kTraceGrace) != std::future_status::ready) {
+      platform::endProcess(0);
+    }
+  } catch (const std::system_error&) {
+    stopTrace();  // no thread to be had: then it takes as long as it takes
+  }
 }
 
 void serve(bool raw, std::int32_t port, platform::ObjectHandle shutdown) {
@@ -106,9 +123,9 @@ int listen(const SwitchMap& switches) {
   }
   const bool finished = workersFinish();
   platform::stopWaitingForOutput();
+  endTrace();
   if (!finished) {
     // The library's thread pool would wait up to 10 s for each connection that somebody keeps open.
-    stopTrace();
     platform::endProcess(0);
   }
   return 0;

@@ -25,9 +25,10 @@ bool probeFile(const std::string& path) noexcept;
 /// there; what did is taken back where that is possible. Linux: also false when the file no longer has a name.
 bool appendToFile(FileHandle file, std::string_view text) noexcept;
 
-/// Forces what was written to the disk.
+/// Forces what was written to the disk. False when the system could not.
 bool commitFile(FileHandle file) noexcept;
 
+/// False when the number is none of an open file. The file is closed even when the system has something to complain of.
 bool closeFile(FileHandle file) noexcept;
 
 /// The position after the last write; not beyond the end when another process has emptied the file since. -1 on error.

@@ -49,7 +49,8 @@ inline constexpr std::uint32_t kErrorTooManyPosts = 298;
 /// Opens the event of that name; none when there is no such object.
 [[nodiscard]] ObjectHandle openEvent(const std::string& name) noexcept;
 
-/// Sets the event, a manual-reset one: it wakes every waiter and stays set.
+/// Sets the event, a manual-reset one: it wakes every waiter and stays set. False when it cannot be written, or
+/// the handle is no event's; lastError says why, as for the next two.
 bool setEvent(ObjectHandle event) noexcept;
 
 /// Gives up one of the calling thread's holds on the mutex; only its owner can.
@@ -62,6 +63,7 @@ bool releaseSemaphore(ObjectHandle semaphore) noexcept;
 /// thread's: kWaitAbandoned when its last owner ended without releasing it.
 [[nodiscard]] std::uint32_t waitForObject(ObjectHandle object, std::uint32_t milliseconds) noexcept;
 
+/// False when the handle is not open. Who waits by it goes on waiting.
 bool closeObject(ObjectHandle object) noexcept;
 
 /// The calling thread's error of the last call above that sets one.

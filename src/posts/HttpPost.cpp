@@ -14,6 +14,7 @@
 #include <istream>
 #include <sstream>
 
+#include "posts/ReportFailure.h"
 #include "product/ConsoleStream.h"
 
 namespace keltop {
@@ -32,10 +33,6 @@ constexpr std::size_t kBodyBufferSize = 8192;
 constexpr int kVerificationDepth = 9;
 constexpr bool kLoadDefaultAuthorities = false;
 constexpr const char* kCiphers = "ALL:!ADH:!LOW:!EXP:!MD5:@STRENGTH";
-
-void report(unsigned site, std::string_view message, const Poco::Exception& error) {
-  printSiteLine(kPostRoutine, site, message, error.displayText());
-}
 
 std::unique_ptr<HTTPClientSession> openPlainSession(const std::string& host, std::uint16_t port) {
   return std::make_unique<HTTPClientSession>(host, port);
@@ -86,7 +83,7 @@ bool showWholeRequest(std::ostream& console, const HTTPRequest& request, const s
     console << head.view() << "\r\n" << body;
     return true;
   } catch (const Poco::Exception& error) {
-    report(kSiteDump, "Read error: ", error);  // "Read" is intended
+    reportFailure(kSiteDump, "Read error: ", error);  // "Read" is intended
     return false;
   }
 }
@@ -111,9 +108,9 @@ bool receive(const HttpWay& way, HTTPClientSession& session, HTTPResponse& respo
     Poco::StreamCopier::copyStream(stream, body, kBodyBufferSize);
     return true;
   } catch (const Poco::TimeoutException& error) {
-    report(way.timeoutSite, "Read timeout: ", error);
+    reportFailure(way.timeoutSite, "Read timeout: ", error);
   } catch (const Poco::Exception& error) {
-    report(way.readSite, "Read error: ", error);
+    reportFailure(way.readSite, "Read error: ", error);
   }
   return false;
 }
@@ -168,7 +165,7 @@ void showResponse(std::ostream& console, const HttpWay& way, const HTTPResponse&
     console << head.view() << way.headEnd << body << "\r\n";
   } catch (const Poco::Exception& error) {
     ConsoleStream() << "\r\nResponse code: " << status << ' ' << response.getReason() << std::endl;
-    report(way.showSite, "Error: ", error);
+    reportFailure(way.showSite, "Error: ", error);
   }
 }
 
@@ -176,7 +173,7 @@ void postHttp(const HttpWay& way, const Posting& posting, std::chrono::microseco
   try {
     exchange(way, posting, timeout);
   } catch (const Poco::Exception& error) {
-    report(way.waySite, "Error: ", error);
+    reportFailure(way.waySite, "Error: ", error);
   }
 }
 

@@ -6,7 +6,7 @@
 
 namespace keltop {
 
-/// One payload with all that it takes to send it.
+/// One payload with all that it takes to send it. The body's and the content type's text must outlive it.
 struct Posting {
   std::string host;
   std::uint16_t port = 0;

@@ -8,6 +8,7 @@
 #include <array>
 #include <string>
 
+#include "posts/ReportFailure.h"
 #include "product/ConsoleStream.h"
 
 namespace keltop {
@@ -41,10 +42,6 @@ constexpr Phase kConnecting = {1035, 1040, "Error: ", 1045, "Unknown error"};
 constexpr Phase kSending = {1064, 1069, "Error: ", 1074, "Unknown error"};
 constexpr Phase kReceiving = {1099, 1103, "Timeout: ", 1107, "Other error"};
 
-void report(unsigned site, std::string_view message, const Poco::Exception& error) {
-  printSiteLine(kPostRoutine, site, message, error.displayText());
-}
-
 /// True when the step went well; a failure has been reported.
 template <typename Step>
 bool guarded(const Phase& phase, Step step) {
@@ -52,9 +49,9 @@ bool guarded(const Phase& phase, Step step) {
     step();
     return true;
   } catch (const Poco::Net::NetException& error) {
-    report(phase.netSite, "Error: ", error);
+    reportFailure(phase.netSite, "Error: ", error);
   } catch (const Poco::TimeoutException& error) {
-    report(phase.timeoutSite, phase.timeoutText, error);
+    reportFailure(phase.timeoutSite, phase.timeoutText, error);
   } catch (...) {
     printSiteLine(kPostRoutine, phase.otherSite, phase.otherText);
   }
@@ -93,7 +90,7 @@ int receive(StreamSocket& socket, Buffer& buffer) {
         printSiteLine(kPostRoutine, kSiteNothingRead, "Zerio bytes read");  // spelled so on purpose
       }
     } catch (const Poco::Net::ConnectionResetException& error) {
-      report(kSiteReset, "Connection reset: ", error);
+      reportFailure(kSiteReset, "Connection reset: ", error);
     }
   });
   return count;

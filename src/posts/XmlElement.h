@@ -50,8 +50,6 @@ class XmlElement {
  private:
   struct Data;
 
-  explicit XmlElement(std::shared_ptr<Data> data) noexcept : data_(std::move(data)) {}
-
   template <typename Sink>
   static void writeTree(const Data& element, std::size_t depth, Sink& sink);
   template <typename Sink>

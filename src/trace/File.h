@@ -24,7 +24,7 @@ class File {
   std::int64_t created = 0;  ///< these three in seconds since 1970
   std::int64_t accessed = 0;
   std::int64_t written = 0;
-  std::uint32_t size = 0;
+  std::uint32_t size = 0;  ///< the low 32 bits, in bytes
 };
 
 }  // namespace QXUTIL

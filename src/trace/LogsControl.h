@@ -35,10 +35,12 @@ class LogsControl {
   /// Whether every line is printed to standard output too.
   void setEcho(bool echo) noexcept { echo_ = echo ? 1 : 0; }
 
-  /// Binds a module number to a file. The first registration of a number stays. False for number 0, and when the
-  /// registry is not free within 10 s.
+  /// Binds a module number to its file, named by moduleFileName; with a flag of 0 the file is neither rotated nor
+  /// archived. The first registration of a number stays. False for number 0, and when the registry is not free within
+  /// 10 s.
   bool registerModule(std::uint8_t rotationFlag, std::uint32_t module, std::string_view name);
 
+  /// Hands a record to the writer; waits for no disk. A full queue loses its oldest record.
   void push(ThreadLogData record) { queue_.push(std::move(record)); }
 
   /// Ends the writer thread; what is queued is written before, as far as it fits in one pass.

@@ -26,9 +26,13 @@ class ZBase {
 
   /// How many messages are kept for a peer that does not take them, in each direction.
   virtual int setHighWaterMark(std::int32_t count);
+
+  /// This option, the send time-out and the high-water mark make the last error what the library reports, also after a
+  /// success. In milliseconds.
   virtual int setReceiveTimeout(std::int32_t milliseconds);
 
-  /// The parts of one message, each up to its first zero byte; empty when none came within the time.
+  /// The parts of one message, each up to its first zero byte; empty when none came within the time. A closed socket
+  /// sleeps for the whole time and leaves -1 as the last error.
   [[nodiscard]] virtual std::vector<std::string> receiveParts(std::int32_t milliseconds);
 
   /// The same in one text.
@@ -41,7 +45,7 @@ class ZBase {
   virtual int setSendTimeout(std::int32_t milliseconds);
 
   /// Opens a socket of the library's type and binds or connects it; the high-water mark becomes 500, a connected
-  /// socket's linger 30 s.
+  /// socket's linger 30 s. Only where none is open: that one would be forgotten, not closed.
   int bind(const std::string& endpoint, int type);
   int connect(const std::string& endpoint, int type);
 

@@ -69,7 +69,10 @@ void ZPushService::setLinger(const std::string& endpoint, std::int32_t milliseco
   }
   SocketTable& table = socketTable();
   const TableLock lock(table);
-  if (const auto known = table.sockets.find(endpoint); lock.held() && known != table.sockets.end() && known->second) {
+  if (!lock.held()) {
+    return;
+  }
+  if (const auto known = table.sockets.find(endpoint); known != table.sockets.end() && known->second) {
     known->second->setLinger(milliseconds);
   }
 }

@@ -506,6 +506,20 @@ def test_a_rotation_waits_for_the_other_processs_turn(keltop, trace_agent, reque
     assert texts(live(keltop)) == [b"rotates it"]
 
 
+def test_a_turn_that_nobody_gives_up_does_not_keep_a_listener(keltop, neighbours):
+    """The writer waits for its turn to rotate without an end; the end of the program waits for it a while only."""
+    other = neighbours.start()
+    turn, _ = other.obtain("create-mutex", "LOG1067")
+    assert other.wait(turn, 0) == 0
+    with open(live_path(keltop), "wb") as file:
+        file.truncate(FULL)
+    running, _ = keltop.listen()
+    event, _ = other.obtain("open-event", "KELTOP_SHUTDOWN")
+    assert other.ask("set", event) == "0"
+    assert running.wait() == 0
+    assert re.fullmatch(MARKER + BANNER, live(keltop)[FULL:])  # the writer was waiting, or there would be its last line
+
+
 # The order of static objects
 
 

@@ -2,6 +2,7 @@
 
 import os
 import re
+import socket
 import subprocess
 
 import pytest
@@ -106,6 +107,24 @@ def test_a_listener_started_while_the_event_is_set_stops_at_once(keltop, agents)
     event, _ = setter.obtain("create-event", "KELTOP_SHUTDOWN")
     assert setter.ask("set", event) == "0"
     assert keltop.run("-p", str(free_port()), timeout=LONG).returncode == 0
+
+
+def test_a_blocked_output_does_not_keep_it(keltop, agents):
+    unread, output = os.pipe()
+    try:
+        running, port = keltop.listen("-raw", stdout=output)
+        setter = agents.start()
+        event, _ = setter.obtain("open-event", "KELTOP_SHUTDOWN")
+        with socket.create_connection(("127.0.0.1", port), LONG) as peer:
+            peer.settimeout(1)
+            with pytest.raises(TimeoutError):  # nobody reads the output, so in the end nobody reads the peer
+                while True:
+                    peer.sendall(b"x" * 65536)
+            assert setter.ask("set", event) == "0"
+            assert running.wait() == 0
+    finally:
+        os.close(output)
+        os.close(unread)
 
 
 # Where the traces go

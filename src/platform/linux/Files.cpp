@@ -19,7 +19,8 @@ namespace keltop::platform {
 
 namespace {
 
-/// Read and write for all: the program is run by more than one account, and all write to the same files.
+/// Read and write for all, whatever the umask says: the program is run by more than one account, and all write to the
+/// same files.
 constexpr mode_t kFileMode = 0666;
 constexpr mode_t kFolderMode = 01777;
 
@@ -27,8 +28,7 @@ constexpr mode_t kFolderMode = 01777;
 constexpr std::int64_t kAppendByte = 0x7FFF'FFFF'0000'0000;  ///< exclusive: somebody writes, or copies and truncates
 constexpr std::int64_t kUseByte = 0x7FFF'FFFF'0000'0001;     ///< shared: somebody has the file open for appending
 
-/// Without O_CREAT first: fs.protected_regular refuses it on another account's file in a sticky folder. A file that is
-/// made gets its mode whatever the umask says.
+/// Without O_CREAT first: fs.protected_regular refuses it on another account's file in a sticky folder.
 int openOrCreate(const std::string& path) noexcept {
   constexpr int kFlags = O_RDWR | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
   int file = ::open(path.c_str(), kFlags);
@@ -153,6 +153,7 @@ bool copyFile(const std::string& from, const std::string& to) noexcept {
   if (!target.valid() || !isRegular(target.get())) {
     return false;
   }
+  (void)::fchmod(target.get(), kFileMode);
   if (copyContent(source.get(), target.get()) && copyWriteTime(source.get(), target.get())) {
     return true;
   }

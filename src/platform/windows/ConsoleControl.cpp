@@ -11,6 +11,7 @@ namespace {
 static_assert(kControlCtrlC == CTRL_C_EVENT && kControlClosed == CTRL_CLOSE_EVENT);
 
 std::atomic<ConsoleControlHandler> installed = nullptr;
+bool registered = false;
 
 BOOL WINAPI serve(DWORD type) {
   if (!installed.load()(type)) {
@@ -26,7 +27,9 @@ BOOL WINAPI serve(DWORD type) {
 }  // namespace
 
 bool addConsoleControlHandler(ConsoleControlHandler handler) noexcept {
-  return installed.exchange(handler) != nullptr || ::SetConsoleCtrlHandler(serve, TRUE) != FALSE;
+  installed = handler;
+  registered = registered || ::SetConsoleCtrlHandler(serve, TRUE) != FALSE;
+  return registered;
 }
 
 }  // namespace keltop::platform

@@ -18,8 +18,9 @@ namespace {
 /// two processes between them would write over each other.
 constexpr LONGLONG kGateByte = 0x7FFF'FFFF'0000'0000;
 
-/// Milliseconds. Whoever holds back the writers longer is stopped; its file must not stop everybody else.
-constexpr DWORD kGatePatience = 2000;
+/// Milliseconds. Whoever holds back the writers longer is stopped; its file must not stop everybody else. A sleep may
+/// take a tick of the system's clock, some 16 ms, whatever it was asked for.
+constexpr ULONGLONG kGatePatience = 2000;
 constexpr DWORD kGateRetry = 1;
 
 HANDLE systemHandle(FileHandle file) noexcept {
@@ -37,7 +38,8 @@ OVERLAPPED gatePlace() noexcept {
 
 bool holdGate(FileHandle file) noexcept {
   constexpr DWORD kNow = LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY;
-  for (DWORD waited = 0; waited < kGatePatience; waited += kGateRetry) {
+  const ULONGLONG begin = ::GetTickCount64();
+  do {
     OVERLAPPED place = gatePlace();
     if (::LockFileEx(systemHandle(file), kNow, 0, 1, 0, &place) != FALSE) {
       return true;
@@ -46,7 +48,7 @@ bool holdGate(FileHandle file) noexcept {
       return false;
     }
     ::Sleep(kGateRetry);
-  }
+  } while (::GetTickCount64() - begin < kGatePatience);
   return false;
 }
 
@@ -72,8 +74,9 @@ bool appendToFile(FileHandle file, std::string_view text) noexcept {
   if (written == static_cast<int>(text.size())) {
     return true;
   }
-  if (written > 0) {
-    (void)::_chsize(file, ::_tell(file) - written);  // the gate is held: nobody has written past it
+  // Unless somebody has written past it, who did not wait any longer for the gate.
+  if (written > 0 && ::_tell(file) == ::_filelengthi64(file)) {
+    (void)::_chsize(file, ::_tell(file) - written);
   }
   return false;
 }

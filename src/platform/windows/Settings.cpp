@@ -26,8 +26,7 @@ std::string readSetting(const char* key, const char* value) {
   // One byte more than is asked for: a stored text need not end with a zero.
   std::array<BYTE, kLongestValue + 1> text = {};
   DWORD length = kLongestValue;
-  DWORD type = REG_NONE;
-  const LSTATUS result = ::RegQueryValueExA(opened, value, nullptr, &type, text.data(), &length);
+  const LSTATUS result = ::RegQueryValueExA(opened, value, nullptr, nullptr, text.data(), &length);
   ::RegCloseKey(opened);
   return result == ERROR_SUCCESS ? std::string(reinterpret_cast<const char*>(text.data())) : std::string();
 }

@@ -64,6 +64,20 @@ TEST(LinuxFiles, aCopyThatHasNoRoomLeavesNothing) {
   EXPECT_FALSE(fs::exists(folder / "b"));
 }
 
+TEST(LinuxFiles, whatIsMadeIsEverybodysWhateverTheUmaskSays) {
+  const TemporaryFolder folder;
+  const mode_t usual = ::umask(077);
+  const FileHandle file = openSharedAppend(folder / "a");
+  EXPECT_TRUE(copyFile(folder / "a", folder / "b"));
+  EXPECT_TRUE(makeFolder(folder / "c"));
+  ::umask(usual);
+  for (const char* name : {"a", "b"}) {
+    EXPECT_EQ(fs::status(folder / name).permissions(), fs::perms{0666}) << name;
+  }
+  EXPECT_EQ(fs::status(folder / "c").permissions(), fs::perms{01777});
+  closeFile(file);
+}
+
 TEST(LinuxFiles, aSearchLeavesOutLinksToNowhere) {
   const TemporaryFolder folder;
   fs::create_symlink(folder / "missing", folder / "a");
