@@ -6,7 +6,8 @@ source "$(dirname "${BASH_SOURCE[0]}")/setup.sh"
 
 need "${KELTOP_BUILD_PACKAGES[@]}" "${KELTOP_CHECK_PACKAGES[@]}"
 cd "$KELTOP_ROOT"
-mapfile -t sources < <(git ls-files '*.h' '*.cpp')
+listed=$(git ls-files '*.h' '*.cpp')
+mapfile -t sources <<<"$listed"
 
 echo "keltop: format" >&2
 clang-format --dry-run -Werror "${sources[@]}"
@@ -15,8 +16,12 @@ echo "keltop: build with clang" >&2
 build dev
 
 echo "keltop: lint" >&2
-mapfile -t units < <(git ls-files 'src/*.cpp' ':!src/platform/windows')
-printf '%s\0' "${units[@]}" | xargs -0 -n 4 -P 2 clang-tidy --quiet -p build/dev 2>/dev/null
+listed=$(git ls-files 'src/*.cpp' ':!src/platform/windows')
+# On standard error it counts what it leaves out; what it finds is on standard output.
+xargs -d '\n' -n 4 -P 2 clang-tidy --quiet -p build/dev <<<"$listed" 2>build/clang-tidy.log || {
+  cat build/clang-tidy.log >&2
+  exit 1
+}
 
 echo "keltop: cppcheck" >&2
 for platform in unix64 win64; do

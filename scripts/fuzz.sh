@@ -17,6 +17,10 @@ input_seconds=60
 need "${KELTOP_BUILD_PACKAGES[@]}" "${KELTOP_FUZZ_PACKAGES[@]}"
 seconds=${1:-$replay_seconds}
 shift || true
+if ! [[ $seconds =~ ^[1-9][0-9]*$ ]]; then
+  echo "keltop: not a number of seconds: $seconds" >&2
+  exit 2
+fi
 if [ $# -eq 0 ]; then
   for source in "$KELTOP_ROOT"/fuzz/*Fuzz.cpp; do
     set -- "$@" "$(basename "$source" .cpp)"

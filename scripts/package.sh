@@ -31,13 +31,16 @@ depends() {
     cd "$1"
     mkdir debian
     echo 'Source: keltop' >debian/control
-    dpkg-shlibdeps -O -e"usr/bin/keltop" 2>/dev/null | sed -n 's/^shlibs:Depends=//p'
+    found=$(dpkg-shlibdeps --warnings=0 -O -e"usr/bin/keltop") || exit
     rm -r debian
+    [ -n "${found#shlibs:Depends=}" ] && echo "${found#shlibs:Depends=}"
   )
 }
 
 pack_deb() {
-  local archive=$packages/keltop_${version}_amd64.deb folder documents
+  local architecture dependencies archive folder documents
+  architecture=$(dpkg --print-architecture)
+  archive=$packages/keltop_${version}_$architecture.deb
   folder=$(mktemp -d)
   chmod 755 "$folder"
   DESTDIR=$folder cmake --install "$KELTOP_ROOT/build/release" --strip --prefix /usr >/dev/null
@@ -47,7 +50,9 @@ pack_deb() {
   install -m 644 "$packaging/linux/copyright" "$documents/copyright"
   gzip -9nc "$KELTOP_ROOT/CHANGELOG.md" >"$documents/changelog.gz"
   install -d "$folder/DEBIAN"
-  sed "s/@VERSION@/$version/; s/@DEPENDS@/$(depends "$folder")/; s/@SIZE@/$(du -sk --apparent-size "$folder/usr" | cut -f1)/" \
+  dependencies=$(depends "$folder")
+  sed "s/@VERSION@/$version/; s/@ARCHITECTURE@/$architecture/; s/@DEPENDS@/$dependencies/
+    s/@SIZE@/$(du -sk --apparent-size "$folder/usr" | cut -f1)/" \
     "$packaging/linux/control.in" >"$folder/DEBIAN/control"
   install -m 755 "$packaging/linux/postrm" "$folder/DEBIAN/postrm"
   dpkg-deb --root-owner-group -Zxz --build "$folder" "$archive" >/dev/null

@@ -31,10 +31,12 @@ KELTOP_TEST_PACKAGES=(
   "procps:looks at processes in tests"
   "util-linux:runs tests as another account and in namespaces of their own"
   "iproute2:takes the way to a peer away in tests"
+  "man-db:reads the manual in tests"
 )
 
 # What the checks of the source need besides.
 KELTOP_CHECK_PACKAGES=(
+  "git:lists the sources"
   "clang:the second compiler"
   "clang-format:format check"
   "clang-tidy:lint check"
@@ -138,35 +140,37 @@ need() {
   install_packages "${missing[@]}"
 }
 
-# install_packages PACKAGE...: installs them without starting any service that they bring.
-install_packages() {
-  local policy=/usr/sbin/policy-rc.d made_policy=false result=0
+# install_packages PACKAGE...: installs them without starting any service that they bring. One script at a time: the
+# policy that keeps the services from starting must neither stay behind nor go before the other is done.
+install_packages() (
+  policy=/usr/sbin/policy-rc.d
+  flock 9
   if [ ! -e "$policy" ]; then
-    printf '#!/bin/sh\nexit 101\n' | as_root tee "$policy" >/dev/null && as_root chmod 755 "$policy" && made_policy=true
+    trap 'as_root rm -f "$policy"' EXIT
+    trap 'exit 130' INT
+    trap 'exit 143' TERM
+    printf '#!/bin/sh\nexit 101\n' | as_root tee "$policy" >/dev/null && as_root chmod 755 "$policy"
   fi
-  {
-    as_root env DEBIAN_FRONTEND=noninteractive apt-get update -q &&
-      as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends "$@"
-  } >&2 </dev/null || result=$?
-  if $made_policy; then
-    as_root rm -f "$policy"
-  fi
-  return "$result"
-}
+  as_root env DEBIAN_FRONTEND=noninteractive apt-get update -q -o DPkg::Lock::Timeout=600 >&2 </dev/null &&
+    as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -q -o DPkg::Lock::Timeout=600 \
+      --no-install-recommends "$@" >&2 </dev/null
+) 9</var/lib/dpkg
 
 # build PRESET [TARGET...]: configures where needed and builds; silent when all goes well, on standard error when not.
+# A second one waits: two windows may start keltop at once.
 build() {
   local preset=$1 folder="$KELTOP_ROOT/build/$1" log result=0
   shift
   log=$(mktemp)
+  mkdir -p "$KELTOP_ROOT/build"
   {
-    { [ "$folder/build.ninja" -nt "$KELTOP_ROOT/CMakePresets.json" ] || (cd "$KELTOP_ROOT" && cmake --preset "$preset"); } &&
+    flock 9 && { [ "$folder/build.ninja" -nt "$KELTOP_ROOT/CMakePresets.json" ] || (cd "$KELTOP_ROOT" && cmake --preset "$preset"); } &&
       if [ $# -gt 0 ]; then
         cmake --build "$folder" --target "$@"
       else
         cmake --build "$folder"
       fi
-  } >"$log" 2>&1 || result=$?
+  } 9>"$folder.lock" >"$log" 2>&1 || result=$?
   [ "$result" -eq 0 ] || cat "$log" >&2
   rm -f "$log"
   return "$result"
@@ -177,7 +181,11 @@ build() {
 run_tests() {
   local folder="$KELTOP_ROOT/build/$1" result=0
   shift
-  ctest --test-dir "$folder" --output-on-failure -j 4 "$@" || result=$?
+  if [[ $KELTOP_ROOT =~ [[:space:]] ]]; then
+    echo "keltop: the tests cannot run in a folder with a blank in its path: $KELTOP_ROOT" >&2
+    return 1
+  fi
+  ctest --test-dir "$folder" --no-tests=error --output-on-failure -j 4 "$@" || result=$?
   sed -n '/short test summary info/,/ in [0-9.]*s/p' "$folder/Testing/Temporary/LastTest.log"
   return "$result"
 }

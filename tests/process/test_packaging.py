@@ -1,5 +1,6 @@
 """What an installation puts on a Linux machine, and what its manual and its completion say."""
 
+import datetime
 import os
 import pathlib
 import re
@@ -77,6 +78,21 @@ def test_the_completion_offers_every_switch_and_the_protocols(keltop):
         assert completed("keltop", post, "") == ["jazz", "json", "form", "xml"]
     assert completed("keltop", "-url", "") == ["http://", "https://"]
     assert completed("keltop", "-room", "") == []
+
+
+def test_every_place_names_the_same_release():
+    def found(place, pattern):
+        return re.search(pattern, (ROOT / place).read_text(encoding="utf-8"), re.MULTILINE)[1]
+
+    version = found("CMakeLists.txt", r"^project\(keltop VERSION ([\d.]+)")
+    assert found("src/product/Version.h", r'kTraceVersion = "(.*)"') == version
+    assert found("src/product/Version.h", r'kFileVersion = "(.*)"') == version + ".0"
+    assert found(MANUAL, r'^\.TH .* "keltop (.*?)"') == version
+    assert found("CHANGELOG.md", r"^## (.*)") == version
+    seconds = int(found("scripts/package.sh", r"SOURCE_DATE_EPOCH=(\d+)"))
+    date = datetime.datetime.fromtimestamp(seconds, datetime.timezone.utc)
+    assert found("src/product/Version.h", r'kBuildDate = "(.*)"') == f"{date:%b %d %Y}"
+    assert found(MANUAL, r"^\.TH KELTOP 1 (\S+)") == f"{date:%Y-%m-%d}"
 
 
 def test_an_archive_holds_the_same_bytes_whenever_it_is_made(tmp_path):
