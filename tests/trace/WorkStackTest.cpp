@@ -2,16 +2,16 @@
 
 #include <atomic>
 #include <chrono>
+#include <future>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "support/Timing.h"
 #include "trace/WorkStack.h"
 
 namespace QXUTIL {
 namespace {
-
-constexpr std::uint32_t kLong = 20'000;
 
 class Recorder : public WorkStack<int> {
  public:
@@ -27,7 +27,7 @@ TEST(WorkStack, recordsLeaveInTheOrderTheyCame) {
   WorkStack<std::string> queue;
   queue.push("one");
   queue.push("two");
-  EXPECT_EQ(queue.pop(kLong, "none"), "one");
+  EXPECT_EQ(queue.pop(keltop::kLong, "none"), "one");
   EXPECT_EQ(queue.pop(0, "none"), "two");
   EXPECT_EQ(queue.pop(0, "none"), "none");
 }
@@ -41,9 +41,11 @@ TEST(WorkStack, popWaitsItsTimeAndGivesTheFallback) {
 
 TEST(WorkStack, aPushWakesAWaitingPop) {
   WorkStack<int> queue;
-  std::thread producer([&queue] { queue.push(5); });
-  EXPECT_EQ(queue.pop(kLong, 0), 5);
-  producer.join();
+  std::future<int> popped = std::async(std::launch::async, [&queue] { return queue.pop(keltop::kLong, 0); });
+  EXPECT_TRUE(keltop::waits(popped));
+  queue.push(5);
+  EXPECT_TRUE(keltop::ends(popped));
+  EXPECT_EQ(popped.get(), 5);
 }
 
 TEST(WorkStack, the201stRecordPushesTheOldestOut) {

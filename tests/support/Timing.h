@@ -1,0 +1,31 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <future>
+
+namespace keltop {
+
+/// The milliseconds of a wait that something else must end long before.
+inline constexpr std::int32_t kLong = 20'000;
+
+/// How long a wait of that time lasts at least: it is counted in milliseconds, the test's clock in something finer.
+constexpr std::chrono::milliseconds almost(std::chrono::milliseconds asked) noexcept {
+  return asked - std::chrono::milliseconds(1);
+}
+
+/// Whether another thread is not done yet with what it was begun for. It is observed for a while, in which it comes to
+/// where it waits.
+template <typename Result>
+[[nodiscard]] bool waits(const std::future<Result>& begun) {
+  return begun.wait_for(std::chrono::milliseconds(100)) == std::future_status::timeout;
+}
+
+/// Whether another thread's wait is ended by what has just been done. A busy machine is given time, but less than
+/// kLong: the end of a wait's own time is not taken for it.
+template <typename Result>
+[[nodiscard]] bool ends(const std::future<Result>& begun) {
+  return begun.wait_for(std::chrono::milliseconds(kLong / 2)) == std::future_status::ready;
+}
+
+}  // namespace keltop
