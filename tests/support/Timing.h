@@ -1,8 +1,11 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <future>
+#include <vector>
 
 namespace keltop {
 
@@ -19,6 +22,15 @@ constexpr std::chrono::milliseconds almost(std::chrono::milliseconds asked) noex
 template <typename Result>
 [[nodiscard]] bool waits(const std::future<Result>& begun) {
   return begun.wait_for(std::chrono::milliseconds(100)) == std::future_status::timeout;
+}
+
+/// How many of several threads are not done yet, when one of them has been observed for a while.
+template <typename Result>
+[[nodiscard]] std::ptrdiff_t waitingOf(const std::vector<std::future<Result>>& begun) {
+  (void)std::ranges::any_of(begun, waits<Result>);
+  return std::ranges::count_if(begun, [](const std::future<Result>& one) {
+    return one.wait_for(std::chrono::milliseconds(0)) == std::future_status::timeout;
+  });
 }
 
 /// Whether another thread's wait is ended by what has just been done. A busy machine is given time, but less than

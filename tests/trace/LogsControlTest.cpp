@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "platform/KernelObjects.h"
+#include "support/Timing.h"
 #include "trace/FormatTrace.h"
 #include "trace/LogsControl.h"
 #include "trace/ProgramModule.h"
@@ -25,8 +26,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using Names = std::vector<std::string>;
-
-constexpr std::uint32_t kLong = 20'000;
 
 /// A controller whose inside a test can see.
 class Controller : public LogsControl {
