@@ -18,7 +18,7 @@ using Poco::TimeoutException;
 using Poco::Net::ConnectionAbortedException;
 using Poco::Net::ConnectionRefusedException;
 using Poco::Net::ConnectionResetException;
-using Poco::Net::HostNotFoundException;
+using Poco::Net::DNSException;
 
 /// What each step of the exchange does, and what was asked of it.
 struct Script {
@@ -211,11 +211,11 @@ TEST(RawPost, leavesAHostThatCannotBeResolvedToTheCaller) {
   Script script;
   ScriptedSocket socket(script);
   const std::string body = "b";
-  const Posting posting = {
-      .host = "no-such-host.invalid", .port = 1, .path = "/", .contentType = "t", .userAgent = "a", .body = body};
+  // Nobody is asked for a name that has an empty part.
+  const Posting posting = {.host = "a..b", .port = 1, .path = "/", .contentType = "t", .userAgent = "a", .body = body};
   testing::internal::CaptureStdout();
-  EXPECT_THROW(postRaw(socket, posting), Poco::Exception);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Post(1025) no-such-host.invalid 1\n");
+  EXPECT_THROW(postRaw(socket, posting), DNSException);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Post(1025) a..b 1\n");
 }
 
 }  // namespace
