@@ -103,32 +103,32 @@ TEST(WorkStack, clearTakesTheCountsToo) {
 TEST(WorkStack, eightProducersAndOneConsumerKeepEachProducersOrder) {
   constexpr int kThreads = 8;
   constexpr int kRecords = 5000;
+  constexpr int kStride = 2 * kRecords;  // from one producer's numbers to the next one's
+  constexpr int kNone = -1;
   Recorder queue;
   std::vector<std::thread> producers;
   std::atomic<int> running = kThreads;
   for (int thread = 0; thread < kThreads; ++thread) {
     producers.emplace_back([&queue, &running, thread] {
       for (int i = 1; i <= kRecords; ++i) {
-        queue.push(thread * kRecords * 2 + i);
+        queue.push(thread * kStride + i);
       }
       --running;
     });
   }
   std::vector<int> last(kThreads, 0);
-  int popped = 0;
-  for (int record = 1; running > 0 || record != -1; record = queue.pop(1, -1)) {
-    if (record > 1 || (record == 1 && popped++ > 0)) {
-      int& before = last[static_cast<std::size_t>(record / (kRecords * 2))];
-      EXPECT_LT(before, record % (kRecords * 2));
-      before = record % (kRecords * 2);
+  for (bool ending = false; !ending;) {
+    ending = running == 0;  // looked at first: then nothing comes after what is popped now
+    for (int record = queue.pop(1, kNone); record != kNone; record = queue.pop(1, kNone)) {
+      int& before = last[static_cast<std::size_t>(record / kStride)];
+      EXPECT_LT(before, record % kStride);
+      before = record % kStride;
     }
   }
   for (std::thread& producer : producers) {
     producer.join();
   }
   // A count may be left without its record, never a record without its count.
-  while (queue.pop(0, -1) != -1) {
-  }
   int left = 0;
   EXPECT_FALSE(queue.take(left));
   EXPECT_EQ(queue.removals.size(), static_cast<std::size_t>(kThreads * kRecords));
