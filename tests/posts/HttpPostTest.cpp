@@ -15,6 +15,7 @@
 #include <string>
 
 #include "posts/HttpPost.h"
+#include "support/CapturedOutput.h"
 #include "support/Timing.h"
 
 namespace keltop {
@@ -70,9 +71,7 @@ std::string consoleOf(HttpWay way, Script& script) {
   current = &script;
   const std::string body = "the body";
   const Posting posting = {.host = "h", .port = 1, .path = "/p/", .contentType = "t", .userAgent = "a", .body = body};
-  testing::internal::CaptureStdout();
-  postHttp(way, posting);
-  return testing::internal::GetCapturedStdout();
+  return outputOf([&] { postHttp(way, posting); });
 }
 
 void answer(HTTPResponse& response) {
@@ -148,11 +147,11 @@ std::string consoleOfStalledPost(const HttpWay& way, const std::string& answer, 
                            .contentType = "t",
                            .userAgent = "a",
                            .body = body};
-  testing::internal::CaptureStdout();
+  CapturedOutput output;
   postHttp(way, posting, timeout);
   done.set_value();
   peer.get();
-  const std::string console = testing::internal::GetCapturedStdout();
+  const std::string console = output.take();
   return console.substr(console.find(body) + body.size());
 }
 
@@ -193,7 +192,6 @@ TEST(HttpPost, catchesOnlyTheLibrarysExceptions) {
   Script script;
   script.onReceive = [](HTTPResponse&) { throw std::runtime_error("why"); };
   EXPECT_THROW((void)consoleOf(kPlainHttp, script), std::runtime_error);
-  (void)testing::internal::GetCapturedStdout();
 }
 
 /// Output that fails at one piece of text, and works before it.
@@ -233,9 +231,7 @@ TEST(HttpPost, reportsAFailureToPrintTheResponse) {
     console.exceptions(std::ios::badbit);
     HTTPResponse response;
     answer(response);
-    testing::internal::CaptureStdout();
-    showResponse(console, *way, response, "answer");
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+    EXPECT_EQ(outputOf([&, shown = way] { showResponse(console, *shown, response, "answer"); }),
               "\r\nResponse code: 404 Gone Fishing\nPost(" + std::string(site) + ") Error: I/O error: why\n");
   }
 }
@@ -246,9 +242,10 @@ TEST(HttpPost, reportsAFailureToPrintTheRequest) {
   console.exceptions(std::ios::badbit);
   HTTPRequest request(HTTPRequest::HTTP_POST, "/p/", HTTPRequest::HTTP_1_1);
   request.set("User-Agent", "a");
-  testing::internal::CaptureStdout();
-  EXPECT_FALSE(kPlainHttp.showRequest(console, request, "the body"));
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Post(1240) Read error: I/O error: why\n");
+  bool shown = true;
+  EXPECT_EQ(outputOf([&] { shown = kPlainHttp.showRequest(console, request, "the body"); }),
+            "Post(1240) Read error: I/O error: why\n");
+  EXPECT_FALSE(shown);
   EXPECT_EQ(output.shown(), "Sending request\nPOST /p/ HTTP/1.1\r\nUser-Agent: a\r\n\r\n");
 }
 
@@ -259,9 +256,8 @@ TEST(HttpPost, sendsNothingWhenTheRequestCannotBeShown) {
   way.openSession = openScripted;
   way.showRequest = [](std::ostream&, const HTTPRequest&, const std::string&) { return false; };
   const std::string body = "the body";
-  testing::internal::CaptureStdout();
-  postHttp(way, {.host = "h", .port = 1, .path = "/", .contentType = "t", .userAgent = "a", .body = body});
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  const Posting posting = {.host = "h", .port = 1, .path = "/", .contentType = "t", .userAgent = "a", .body = body};
+  EXPECT_EQ(outputOf([&] { postHttp(way, posting); }), "");
   EXPECT_EQ(script.sentBody.str(), "");
 }
 

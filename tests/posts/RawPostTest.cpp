@@ -10,6 +10,7 @@
 #include <string>
 
 #include "posts/RawPost.h"
+#include "support/CapturedOutput.h"
 
 namespace keltop {
 namespace {
@@ -86,9 +87,7 @@ std::string consoleOf(Script& script, const std::string& path = "/rsi", const st
   ScriptedSocket socket(script);
   const Posting posting = {
       .host = "127.0.0.1", .port = 8080, .path = path, .contentType = "text/xml", .userAgent = "Agent/1", .body = body};
-  testing::internal::CaptureStdout();
-  postRaw(socket, posting);
-  return testing::internal::GetCapturedStdout();
+  return outputOf([&] { postRaw(socket, posting); });
 }
 
 const std::string kRequest =
@@ -213,9 +212,9 @@ TEST(RawPost, leavesAHostThatCannotBeResolvedToTheCaller) {
   const std::string body = "b";
   // Nobody is asked for a name that has an empty part.
   const Posting posting = {.host = "a..b", .port = 1, .path = "/", .contentType = "t", .userAgent = "a", .body = body};
-  testing::internal::CaptureStdout();
+  CapturedOutput output;
   EXPECT_THROW(postRaw(socket, posting), DNSException);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Post(1025) a..b 1\n");
+  EXPECT_EQ(output.take(), "Post(1025) a..b 1\n");
 }
 
 }  // namespace

@@ -21,6 +21,7 @@
 #include "semaphore/GlobalName.h"
 #include "servers/RawPacketConnection.h"
 #include "servers/RawPacketConnectionFactory.h"
+#include "support/CapturedOutput.h"
 
 namespace keltop {
 namespace {
@@ -92,9 +93,7 @@ std::function<std::string()> failing(Failure failure) {
 /// What the console shows of one connection.
 std::string consoleOf(Script& script) {
   RawPacketConnection connection{ScriptedSocket(script)};
-  testing::internal::CaptureStdout();
-  connection.run();
-  return testing::internal::GetCapturedStdout();
+  return outputOf([&] { connection.run(); });
 }
 
 const std::string kBegin = "\r\nConnect from 192.0.2.1:4711\n";
@@ -137,7 +136,6 @@ TEST(RawPacketConnection, reportsAnyOtherFailureOfTheLibraryAndEnds) {
 TEST(RawPacketConnection, catchesOnlyTheLibrarysExceptions) {
   Script script = {.steps = {failing(std::runtime_error("why"))}};
   EXPECT_THROW((void)consoleOf(script), std::runtime_error);
-  (void)testing::internal::GetCapturedStdout();
 }
 
 /// One test: other programs that run beside it use the same event.

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "servers/RestRequestHandler.h"
+#include "support/CapturedOutput.h"
 
 namespace keltop {
 namespace {
@@ -50,10 +51,9 @@ TEST(RestRequestHandler, reportsAFailureOfTheLibraryAndGoesOn) {
   FailingBuffer failing;
   std::ostream console(&failing);
   console.exceptions(std::ios::badbit);
-  testing::internal::CaptureStdout();
+  CapturedOutput output;
   EXPECT_NO_THROW(printResponse(console, response));
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
-            "RestRequestHandler::handleRequest(418) Read error: I/O error: no paper\n");
+  EXPECT_EQ(output.take(), "RestRequestHandler::handleRequest(418) Read error: I/O error: no paper\n");
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "platform/KernelObjects.h"
+#include "support/CapturedOutput.h"
 #include "support/Timing.h"
 #include "trace/FormatTrace.h"
 #include "trace/LogsControl.h"
@@ -203,22 +204,22 @@ TEST_F(WriterTest, withTheEchoEachLineIsPrintedInShort) {
   control_.push(record("silent"));
   writer_.pass();
   control_.setEcho(true);
-  testing::internal::CaptureStdout();
+  CapturedOutput output;
   control_.push(record("text"));
   ThreadLogData empty;
   empty.module = 1067;
   control_.push(empty);
   writer_.pass();
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "LOG1067 2024/01/15-09:05:07:042 text\r\nLOG1067  \r\n");
+  EXPECT_EQ(output.take(), "LOG1067 2024/01/15-09:05:07:042 text\r\nLOG1067  \r\n");
 }
 
 TEST_F(WriterTest, aLineThatCannotBeWrittenIsStillEchoed) {
   fs::remove(traces());
   control_.setEcho(true);
-  testing::internal::CaptureStdout();
+  CapturedOutput output;
   control_.push(record("text"));
   writer_.pass();
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "LOG1067 2024/01/15-09:05:07:042 text\r\n");
+  EXPECT_EQ(output.take(), "LOG1067 2024/01/15-09:05:07:042 text\r\n");
 }
 
 TEST_F(WriterTest, aRegistryThatIsNotFreeWithinASecondLosesTheRecord) {
@@ -234,7 +235,7 @@ TEST_F(WriterTest, aRegistryThatIsNotFreeWithinASecondLosesTheRecord) {
     control_.moduleLock_.unlock();
   });
   held.get_future().wait();
-  testing::internal::CaptureStdout();
+  CapturedOutput output;
   pushNumbers(2, 2);
   const auto before = std::chrono::steady_clock::now();
   writer_.pass();
@@ -243,7 +244,7 @@ TEST_F(WriterTest, aRegistryThatIsNotFreeWithinASecondLosesTheRecord) {
   EXPECT_LT(waited, std::chrono::seconds(18));  // a busy machine is given time; waits of ten seconds are not
   passed.set_value();
   holder.join();
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  EXPECT_EQ(output.take(), "");
   pushNumbers(3, 3);
   writer_.pass();
   EXPECT_EQ(texts(), (Names{"File opened", "1", "3"}));
