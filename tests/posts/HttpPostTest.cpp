@@ -11,11 +11,11 @@
 #include <future>
 #include <sstream>
 #include <stdexcept>
-#include <streambuf>
 #include <string>
 
 #include "posts/HttpPost.h"
 #include "support/CapturedOutput.h"
+#include "support/FailingStream.h"
 #include "support/Timing.h"
 
 namespace keltop {
@@ -194,41 +194,15 @@ TEST(HttpPost, catchesOnlyTheLibrarysExceptions) {
   EXPECT_THROW((void)consoleOf(kPlainHttp, script), std::runtime_error);
 }
 
-/// Output that fails at one piece of text, and works before it.
-///
-/// Nothing outside the program can make showing a request or a response fail with an exception of the library: the
-/// phases only read a parsed head (getVersion, getReason, getStatus and the header collection's iterators give
-/// references to what is stored), format it in memory, and print it to a console that drops what cannot be written.
-/// A head that cannot be read fails while it is received, and a memory that is used up is no exception of the library.
-/// So these handlers are reached by an output that throws, and by nothing else.
-class FailingBuffer : public std::streambuf {
- public:
-  explicit FailingBuffer(std::string failAt) : failAt_(std::move(failAt)) {}
-  [[nodiscard]] const std::string& shown() const noexcept { return shown_; }
-
- private:
-  std::streamsize xsputn(const char* text, std::streamsize length) override {
-    const std::string piece(text, static_cast<std::size_t>(length));
-    if (piece == failAt_) {
-      throw Poco::IOException("why");
-    }
-    shown_ += piece;
-    return length;
-  }
-  int_type overflow(int_type character) override {
-    shown_.push_back(traits_type::to_char_type(character));
-    return character;
-  }
-
-  std::string failAt_;
-  std::string shown_;
-};
+// Nothing outside the program can make showing a request or a response fail with an exception of the library: the
+// phases only read a parsed head (getVersion, getReason, getStatus and the header collection's iterators give
+// references to what is stored), format it in memory, and print it to a console that drops what cannot be written.
+// A head that cannot be read fails while it is received, and a memory that is used up is no exception of the library.
+// So these handlers are reached by an output that throws, and by nothing else.
 
 TEST(HttpPost, reportsAFailureToPrintTheResponse) {
   for (const auto& [way, site] : {std::pair(&kPlainHttp, "1281"), std::pair(&kHttps, "1187")}) {
-    FailingBuffer output("answer");
-    std::ostream console(&output);
-    console.exceptions(std::ios::badbit);
+    FailingStream console("answer");
     HTTPResponse response;
     answer(response);
     EXPECT_EQ(outputOf([&, shown = way] { showResponse(console, *shown, response, "answer"); }),
@@ -237,16 +211,14 @@ TEST(HttpPost, reportsAFailureToPrintTheResponse) {
 }
 
 TEST(HttpPost, reportsAFailureToPrintTheRequest) {
-  FailingBuffer output("the body");
-  std::ostream console(&output);
-  console.exceptions(std::ios::badbit);
+  FailingStream console("the body");
   HTTPRequest request(HTTPRequest::HTTP_POST, "/p/", HTTPRequest::HTTP_1_1);
   request.set("User-Agent", "a");
   bool shown = true;
   EXPECT_EQ(outputOf([&] { shown = kPlainHttp.showRequest(console, request, "the body"); }),
             "Post(1240) Read error: I/O error: why\n");
   EXPECT_FALSE(shown);
-  EXPECT_EQ(output.shown(), "Sending request\nPOST /p/ HTTP/1.1\r\nUser-Agent: a\r\n\r\n");
+  EXPECT_EQ(console.shown(), "Sending request\nPOST /p/ HTTP/1.1\r\nUser-Agent: a\r\n\r\n");
 }
 
 TEST(HttpPost, sendsNothingWhenTheRequestCannotBeShown) {
