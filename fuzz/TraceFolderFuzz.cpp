@@ -28,6 +28,7 @@
 #include "support/Input.h"
 #include "support/ObjectFolder.h"
 #include "support/TemporaryFolder.h"
+#include "support/TraceValues.h"
 #include "trace/FindFiles.h"
 #include "trace/FormatTrace.h"
 #include "trace/LogFile.h"
@@ -74,10 +75,7 @@ constexpr std::string_view kModule = "M";
 constexpr std::uint32_t kModuleNumber = 1067;
 constexpr std::string_view kLiveName = "M.ltt";
 constexpr std::string_view kCopyName = "M-20240115090507042.ltt";
-constexpr platform::LocalTime kTime = {
-    .year = 2024, .month = 1, .dayOfWeek = 1, .day = 15, .hour = 9, .minute = 5, .second = 7, .milliseconds = 42};
 
-constexpr std::int64_t kFullSize = 50'000'000;
 constexpr std::size_t kMostEntries = 40;
 constexpr rlim_t kLargestFile = 100'000'000;
 
@@ -307,7 +305,7 @@ void rotate(const Folder& folder, LogFile& log, std::uint8_t choices) {
   const fs::path live = folder.traces() / kLiveName;
   log.write("a line\r\n");
   if (log.isOpen() && (choices & kFull) != 0) {
-    fs::resize_file(live, kFullSize - 10);
+    fs::resize_file(live, kFullTrace - 10);
     log.write("more than 10\r\n");
   }
   const bool rotates = log.isOpen() && (choices & kNotRotated) == 0;
@@ -340,7 +338,7 @@ void rotate(const Folder& folder, LogFile& log, std::uint8_t choices) {
 
 void run(Input input) {
   static const Folder folder;
-  static const FakeClock clock(kTime);
+  static const FakeClock clock(kTraceStart);
   folder.empty();
   const std::uint8_t choices = input.byte();
   const std::string pattern = input.text();

@@ -25,9 +25,7 @@ namespace {
 namespace fs = std::filesystem;
 using Names = std::vector<std::string>;
 
-constexpr const char* kLive = "LOG1067.ltt";
-constexpr const char* kCopy = "LOG1067-20240115090507042.ltt";  // of a file that was opened at the start
-constexpr std::uintmax_t kFull = 50'000'000;
+constexpr std::uintmax_t kFull = kFullTrace;
 
 class LogFileTest : public TraceFolder {
  protected:

@@ -76,7 +76,7 @@ class WriterTest : public TraceFolder {
  protected:
   WriterTest() { (void)control_.registerModule(1, 1067, ""); }
 
-  [[nodiscard]] Names texts(const char* file = "LOG1067.ltt") const { return textsIn(trace(file)); }
+  [[nodiscard]] Names texts(const char* file = kLive) const { return textsIn(trace(file)); }
   [[nodiscard]] Names newTexts() {
     Names all = texts();
     Names added(all.begin() + static_cast<std::ptrdiff_t>(seen_), all.end());
@@ -101,7 +101,7 @@ TEST_F(WriterTest, aRecordBecomesALineOfItsModulesFile) {
   const ThreadLogData made = record("text");
   control_.push(made);
   writer_.pass();
-  EXPECT_EQ(contentOf(trace("LOG1067.ltt")),
+  EXPECT_EQ(contentOf(trace(kLive)),
             traceLine("LOG1067", makeRecord(1067, ThreadLogData::kMarker, "File opened")) + traceLine("LOG1067", made));
 }
 
@@ -132,13 +132,13 @@ TEST_F(WriterTest, exactly100RecordsAreAllWritten) {
 }
 
 TEST_F(WriterTest, theFilesAreLookedAfterBetweenTheTwoPassesOfABurst) {
-  writeContent(trace("LOG1067.ltt"), "");
-  fs::resize_file(trace("LOG1067.ltt"), 50'000'000);
+  writeContent(trace(kLive), "");
+  fs::resize_file(trace(kLive), kFullTrace);
   pushNumbers(1, 150);
   writer_.pass();
-  EXPECT_EQ(filesIn(traces()), Names{"LOG1067.ltt"}) << "closed when the pass began";
+  EXPECT_EQ(filesIn(traces()), Names{kLive}) << "closed when the pass began";
   writer_.pass();
-  EXPECT_EQ(filesIn(traces()), (Names{"LOG1067-20240115090507042.ltt", "LOG1067.ltt"}));
+  EXPECT_EQ(filesIn(traces()), (Names{kCopy, kLive}));
   Names expected = numbers(102, 150);
   expected.insert(expected.begin(), "File opened");
   EXPECT_EQ(texts(), expected);
@@ -182,7 +182,7 @@ TEST_F(WriterTest, aModuleMetFirstByTheWriterIsWrittenButNeverRotatedOrArchived)
   EXPECT_EQ(texts("HOSTEL101.ltt"), (Names{"File opened", "text"}));
   EXPECT_EQ(control_.registry_.at(1200).rotationFlag(), 0);
   EXPECT_EQ(control_.registry_.at(1067).rotationFlag(), 1);
-  fs::resize_file(trace("HOSTEL101.ltt"), 50'000'000);
+  fs::resize_file(trace("HOSTEL101.ltt"), kFullTrace);
   control_.push(record("more", 1200));
   writer_.pass();
   FakeClock::set({.year = 2024, .month = 1, .day = 16});
@@ -361,10 +361,10 @@ TEST_F(ControllerThread, stopWritesWhatIsQueuedAndEndsTheThread) {
   control.stop();
   Names expected = numbers(1, 50);
   expected.insert(expected.begin(), "File opened");
-  EXPECT_EQ(textsIn(trace("LOG1067.ltt")), expected);
+  EXPECT_EQ(textsIn(trace(kLive)), expected);
   control.push(record("too late"));
   control.stop();
-  EXPECT_EQ(textsIn(trace("LOG1067.ltt")), expected);
+  EXPECT_EQ(textsIn(trace(kLive)), expected);
 }
 
 TEST_F(ControllerThread, stopLeavesALineOfTheProgramsModule) {
@@ -376,8 +376,8 @@ TEST_F(ControllerThread, stopLeavesALineOfTheProgramsModule) {
     control.stop();
   }
   programModule = 0;
-  EXPECT_EQ(textsIn(trace("LOG1067.ltt")), (Names{"File opened", "text", ""}));
-  EXPECT_TRUE(contentOf(trace("LOG1067.ltt")).ends_with("text\r\nLOG1067 0000 0000  00000000 \r\n"));
+  EXPECT_EQ(textsIn(trace(kLive)), (Names{"File opened", "text", ""}));
+  EXPECT_TRUE(contentOf(trace(kLive)).ends_with("text\r\nLOG1067 0000 0000  00000000 \r\n"));
 }
 
 TEST_F(ControllerThread, theWriterCannotWaitForItsOwnEnd) {
@@ -404,7 +404,7 @@ TEST_F(ControllerThread, theDestructorStops) {
     Controller control;
     control.push(record("text"));
   }
-  EXPECT_EQ(textsIn(trace("LOG1067.ltt")), (Names{"File opened", "text"}));
+  EXPECT_EQ(textsIn(trace(kLive)), (Names{"File opened", "text"}));
 }
 
 TEST_F(ControllerThread, aThousandStartsAndStops) {

@@ -22,6 +22,9 @@ using keltop::kLong;
 /// Where a socket is bound to whichever port is free.
 inline constexpr const char* kAnyPort = "tcp://127.0.0.1:*";
 
+/// Where nobody listens.
+inline constexpr const char* kNobody = "tcp://127.0.0.1:1";
+
 /// The endpoint that a socket was bound or connected to last, with its port.
 inline std::string lastEndpoint(void* socket) {
   std::array<char, 256> endpoint = {};

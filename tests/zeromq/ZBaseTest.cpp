@@ -113,7 +113,7 @@ TEST_F(ZSockets, moreFlagsMakeOneMessageOfManyParts) {
 
 TEST_F(ZSockets, aPeerThatNeverTakesAnythingIsSent500MessagesAndThenClosed) {
   ZPush push;
-  ASSERT_EQ(push.connect("tcp://127.0.0.1:1"), 0) << "nobody need listen yet";
+  ASSERT_EQ(push.connect(kNobody), 0) << "nobody need listen yet";
   push.setLinger(0);
   int sent = 0;
   while (sent < 2000 && push.send("text") == 0 && push.isOpen()) {
