@@ -10,7 +10,6 @@
 
 #include <array>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <memory>
@@ -27,6 +26,7 @@
 #include "semaphore/Semaphore.h"
 #include "support/Check.h"
 #include "support/Input.h"
+#include "support/ObjectFolder.h"
 #include "support/TemporaryFolder.h"
 
 namespace keltop::fuzz {
@@ -39,8 +39,15 @@ using platform::FileDescriptor;
 constexpr const char* kName = "x";
 constexpr const char* kFileName = "keltop.Global%5Cx";
 constexpr std::size_t kMostHandles = 6;
-constexpr std::size_t kFileSize = 24;
+
+/// The file's layout: what it begins with, and where its numbers stand.
+constexpr std::string_view kMagic = "KELTOBJ1";
+constexpr std::size_t kTypeOffset = 8;
 constexpr std::size_t kValueOffset = 12;
+constexpr std::size_t kLimitOffset = 16;
+constexpr std::size_t kFileSize = 24;
+
+/// The bytes of it that are locked.
 constexpr off_t kLifeByte = 4097;
 constexpr off_t kOwnerByte = 4098;
 
@@ -57,20 +64,21 @@ std::string withNumber(std::string content, std::size_t offset, std::uint32_t nu
   return content;
 }
 
-std::string contentOf(Type type, std::uint32_t value, std::uint32_t limit) {
-  std::string content = "KELTOBJ1" + std::string(kFileSize - 8, '\0');
-  content = withNumber(std::move(content), 8, static_cast<std::uint32_t>(type));
-  return withNumber(withNumber(std::move(content), kValueOffset, value), 16, limit);
+/// The content of an object's file.
+std::string objectFile(Type type, std::uint32_t value, std::uint32_t limit) {
+  std::string content = std::string(kMagic) + std::string(kFileSize - kMagic.size(), '\0');
+  content = withNumber(std::move(content), kTypeOffset, static_cast<std::uint32_t>(type));
+  return withNumber(withNumber(std::move(content), kValueOffset, value), kLimitOffset, limit);
 }
 
 /// Whether the file is one that the program could have written for an object of that type.
 bool isObject(const std::string& content, Type type) {
-  if (content.size() != kFileSize || !content.starts_with("KELTOBJ1") ||
-      numberAt(content, 8) != static_cast<std::uint32_t>(type)) {
+  if (content.size() != kFileSize || !content.starts_with(kMagic) ||
+      numberAt(content, kTypeOffset) != static_cast<std::uint32_t>(type)) {
     return false;
   }
   const std::uint32_t value = numberAt(content, kValueOffset);
-  const std::uint32_t limit = numberAt(content, 16);
+  const std::uint32_t limit = numberAt(content, kLimitOffset);
   return type == Type::semaphore ? limit >= 1 && limit <= 0x7FFFFFFF && value <= limit : limit == 1 && value <= 1;
 }
 
@@ -198,7 +206,7 @@ class World {
     const Look after = look();
     check(expected || after.exists == before.exists, "a refused object's name changed");
     checkEqual("the file after opening",
-               expected && !before.living ? contentOf(type, 0, type == Type::semaphore ? 200 : 1) : before.content,
+               expected && !before.living ? objectFile(type, 0, type == Type::semaphore ? 200 : 1) : before.content,
                after.content);
     if (expected) {
       held.file = FileDescriptor(::open(path_.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
@@ -286,7 +294,7 @@ class World {
       result = platform::setEvent(held.handle());
       value = 1;
     } else {
-      expected = valid && value < numberAt(before, 16);
+      expected = valid && value < numberAt(before, kLimitOffset);
       result = platform::releaseSemaphore(held.handle());
       ++value;
     }
@@ -336,7 +344,7 @@ class World {
       case 12: {  // makes a file that could be an object's
         const FileDescriptor file(::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0666));
         const std::uint8_t choice = input.byte();
-        const std::string content = contentOf(static_cast<Type>(choice % 4), choice / 4 % 4, choice / 16);
+        const std::string content = objectFile(static_cast<Type>(choice % 4), choice / 4 % 4, choice / 16);
         (void)!::pwrite(file.get(), content.data(), content.size(), 0);
         (void)!::ftruncate(file.get(), static_cast<off_t>(content.size()));
         break;
@@ -363,7 +371,7 @@ class World {
       case 0:
         break;
       case 1:
-        writeContent(other_, contentOf(Type::event, 1, 1));
+        writeContent(other_, objectFile(Type::event, 1, 1));
         fs::create_symlink(other_, path_, ignored);
         break;
       case 2:
@@ -381,9 +389,7 @@ class World {
 };
 
 void run(Input input) {
-  static const TemporaryFolder folder;
-  static const bool own = ::setenv("KELTOP_OBJECT_DIR", folder.path().c_str(), 1) == 0;
-  check(own, "no folder of its own");
+  const TemporaryFolder& folder = objectFolder();
   const std::size_t before = openDescriptors();
   {
     World world(folder);

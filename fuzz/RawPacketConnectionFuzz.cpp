@@ -3,11 +3,8 @@
 //
 // Input: a byte of choices, a byte for how often the text is repeated, then the text that the peer sends.
 
-#include <Poco/Exception.h>
-
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <thread>
 
@@ -16,7 +13,7 @@
 #include "support/Connection.h"
 #include "support/Console.h"
 #include "support/Input.h"
-#include "support/TemporaryFolder.h"
+#include "support/ObjectFolder.h"
 
 namespace keltop::fuzz {
 
@@ -48,17 +45,6 @@ std::string withoutZeros(std::string text) {
   return text;
 }
 
-/// Whether the library would have reported an exception of the connection itself.
-bool runConnection(const Poco::Net::StreamSocket& socket) {
-  try {
-    RawPacketConnection connection(socket);
-    connection.run();
-    return true;
-  } catch (const Poco::Exception&) {
-    return false;
-  }
-}
-
 /// A reset may overtake bytes, and even the look at the peer's address. What is shown is a beginning of what was sent.
 void checkReset(bool ran, const std::string& console, const std::string& peer, const std::string& shownText) {
   if (!ran) {
@@ -76,9 +62,7 @@ void checkReset(bool ran, const std::string& console, const std::string& peer, c
 
 void run(Input input) {
   static Console console;
-  static const TemporaryFolder objects;
-  static const bool own = ::setenv("KELTOP_OBJECT_DIR", objects.path().c_str(), 1) == 0;
-  check(own, "no folder of its own");
+  (void)objectFolder();
   const std::uint8_t choices = input.byte();
   const std::size_t times = input.byte();
   const std::string piece = input.rest();
@@ -96,7 +80,7 @@ void run(Input input) {
     peers.send(text);
     peers.client.shutdownSend();
   }
-  const bool ran = runConnection(peers.server);
+  const bool ran = serves([&] { RawPacketConnection(peers.server).run(); });
   if (sender.joinable()) {
     sender.join();
   }

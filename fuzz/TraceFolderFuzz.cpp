@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <map>
@@ -27,10 +26,14 @@
 #include "support/Check.h"
 #include "support/FakeClock.h"
 #include "support/Input.h"
+#include "support/ObjectFolder.h"
 #include "support/TemporaryFolder.h"
+#include "support/TraceValues.h"
 #include "trace/FindFiles.h"
+#include "trace/FormatTrace.h"
 #include "trace/LogFile.h"
 #include "trace/SortByWriteTime.h"
+#include "trace/ThreadLogData.h"
 
 namespace keltop::fuzz {
 
@@ -69,12 +72,10 @@ constexpr std::uint8_t kArchiveExists = 4;
 constexpr std::uint8_t kNotRotated = 8;
 
 constexpr std::string_view kModule = "M";
+constexpr std::uint32_t kModuleNumber = 1067;
 constexpr std::string_view kLiveName = "M.ltt";
 constexpr std::string_view kCopyName = "M-20240115090507042.ltt";
-constexpr platform::LocalTime kTime = {
-    .year = 2024, .month = 1, .dayOfWeek = 1, .day = 15, .hour = 9, .minute = 5, .second = 7, .milliseconds = 42};
 
-constexpr std::int64_t kFullSize = 50'000'000;
 constexpr std::size_t kMostEntries = 40;
 constexpr rlim_t kLargestFile = 100'000'000;
 
@@ -87,7 +88,7 @@ class Folder {
   Folder() {
     location() = data_.path().string();
     platform::setDataLocationSource([] { return location(); });
-    check(::setenv("KELTOP_OBJECT_DIR", objects_.path().c_str(), 1) == 0, "no folder of its own");
+    (void)objectFolder();
     const rlimit limit = {kLargestFile, kLargestFile};
     check(::setrlimit(RLIMIT_FSIZE, &limit) == 0, "files cannot be limited");
     writeContent(outside(), "outside");
@@ -151,7 +152,6 @@ class Folder {
   }
 
   TemporaryFolder data_;
-  TemporaryFolder objects_;
 };
 
 /// One entry as the system tells of it.
@@ -305,7 +305,7 @@ void rotate(const Folder& folder, LogFile& log, std::uint8_t choices) {
   const fs::path live = folder.traces() / kLiveName;
   log.write("a line\r\n");
   if (log.isOpen() && (choices & kFull) != 0) {
-    fs::resize_file(live, kFullSize - 10);
+    fs::resize_file(live, kFullTrace - 10);
     log.write("more than 10\r\n");
   }
   const bool rotates = log.isOpen() && (choices & kNotRotated) == 0;
@@ -330,14 +330,15 @@ void rotate(const Folder& folder, LogFile& log, std::uint8_t choices) {
     checkEqual("the archive's names", namesOf(archive), namesOf(entriesOf(folder.archive())));
   }
   if (copied) {
-    checkSame("the live file's size", std::uintmax_t{57}, fs::file_size(live) / 57 * 57);
+    checkEqual("the live file", traceLine(kModule, makeRecord(kModuleNumber, ThreadLogData::kMarker, "File opened")),
+               contentOf(live));
   }
   checkEqual("what is outside", "outside", contentOf(folder.outside()));
 }
 
 void run(Input input) {
   static const Folder folder;
-  static const FakeClock clock(kTime);
+  static const FakeClock clock(kTraceStart);
   folder.empty();
   const std::uint8_t choices = input.byte();
   const std::string pattern = input.text();
@@ -348,7 +349,7 @@ void run(Input input) {
     folder.add(kind, time, input.text());
   }
   checkListing(folder, pattern);
-  LogFile log((choices & kNotRotated) != 0 ? 0 : 1, 1067, std::string(kModule));
+  LogFile log((choices & kNotRotated) != 0 ? 0 : 1, kModuleNumber, std::string(kModule));
   rotate(folder, log, choices);
 }
 

@@ -1,16 +1,15 @@
 #pragma once
 
+#include <Poco/Exception.h>
 #include <Poco/Net/ServerSocket.h>
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/Net/StreamSocket.h>
-#include <sys/socket.h>
 
-#include <array>
-#include <csignal>
+#include <cstddef>
 #include <string>
 #include <string_view>
 
-#include "support/Check.h"
+#include "support/Sockets.h"
 
 namespace keltop::fuzz {
 
@@ -28,15 +27,7 @@ class Connection {
   }
 
   /// What the server's end has sent until now, which must be closed for sending.
-  std::string received() {
-    std::string all;
-    std::array<char, 65536> piece = {};
-    ssize_t count = 0;
-    while ((count = ::recv(client.impl()->sockfd(), piece.data(), piece.size(), 0)) > 0) {
-      all.append(piece.data(), static_cast<std::size_t>(count));
-    }
-    return all;
-  }
+  [[nodiscard]] std::string received() const { return receiveAll(client); }
 
   Poco::Net::StreamSocket client;
   Poco::Net::StreamSocket server;
@@ -47,11 +38,20 @@ class Connection {
 
   static Poco::Net::ServerSocket& listener() {
     static Poco::Net::ServerSocket listening(Poco::Net::SocketAddress("127.0.0.1", 0));
-    // As the program does: the library sends without keeping the signal away.
-    static const bool quiet = std::signal(SIGPIPE, SIG_IGN) != SIG_ERR;
-    check(quiet, "SIGPIPE cannot be ignored");
+    ignoreBrokenPipes();
     return listening;
   }
 };
+
+/// Serves a connection; false when it ended with an exception of the library, which a server's thread would report.
+template <typename Serve>
+[[nodiscard]] bool serves(Serve serve) {
+  try {
+    serve();
+    return true;
+  } catch (const Poco::Exception&) {
+    return false;
+  }
+}
 
 }  // namespace keltop::fuzz

@@ -10,14 +10,13 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
-#include <csignal>
-#include <cstddef>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "support/Check.h"
+#include "support/Sockets.h"
 
 namespace keltop::fuzz {
 
@@ -36,12 +35,7 @@ class FakeNetwork {
     if (!peer_) {
       return {};
     }
-    std::string all;
-    std::array<char, 65536> piece = {};
-    ssize_t count = 0;
-    while ((count = ::recv(peer_->impl()->sockfd(), piece.data(), piece.size(), 0)) > 0) {
-      all.append(piece.data(), static_cast<std::size_t>(count));
-    }
+    std::string all = receiveAll(*peer_);
     peer_.reset();
     return all;
   }
@@ -68,10 +62,7 @@ class FakeNetwork {
   }
 
  private:
-  FakeNetwork() : listener_(Poco::Net::SocketAddress("127.0.0.1", 0)) {
-    // As the program does: the library sends without keeping the signal away.
-    check(std::signal(SIGPIPE, SIG_IGN) != SIG_ERR, "SIGPIPE cannot be ignored");
-  }
+  FakeNetwork() : listener_(Poco::Net::SocketAddress("127.0.0.1", 0)) { ignoreBrokenPipes(); }
 
   [[nodiscard]] long connectTo(int socket, bool version6) const {
     const in_port_t port = htons(listener_.address().port());

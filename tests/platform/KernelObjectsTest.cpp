@@ -6,6 +6,7 @@
 #include "platform/KernelObjects.h"
 #include "support/ClosedHandle.h"
 #include "support/OnWindows.h"
+#include "support/Timing.h"
 #include "support/UniqueName.h"
 
 namespace keltop::platform {
@@ -72,20 +73,9 @@ TEST(KernelObjects, aTimedWaitTakesItsTime) {
     const ObjectHandle event = createEvent(nullptr, name);
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(waitForObject(event, 30), kWaitTimeout);
-    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(29));
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, almost(std::chrono::milliseconds(30)));
     EXPECT_TRUE(closeObject(event));
   }
-}
-
-TEST(KernelObjects, anObjectClosedDuringAWaitStaysUntilTheWaitEnds) {
-  const std::string name = kernelName();
-  const ObjectHandle waited = createEvent(nullptr, name);
-  const ObjectHandle other = openEvent(name);
-  std::thread waiter([&] { EXPECT_EQ(waitForObject(waited, kInfinite), kWaitObject); });
-  EXPECT_TRUE(setEvent(other));
-  waiter.join();
-  EXPECT_TRUE(closeObject(waited));
-  EXPECT_TRUE(closeObject(other));
 }
 
 TEST(KernelObjects, aMutexOwnedWhenItsLastHandleClosesIsForgotten) {

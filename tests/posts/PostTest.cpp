@@ -11,15 +11,14 @@
 
 #include "posts/Post.h"
 #include "product/SwitchMap.h"
+#include "support/CapturedOutput.h"
 
 namespace keltop {
 namespace {
 
 /// What the console shows of one post.
 std::string consoleOf(const SwitchMap& switches, const std::string& body, std::uint32_t protocol = 1) {
-  testing::internal::CaptureStdout();
-  Post(switches, protocol, "Agent/1", body);
-  return testing::internal::GetCapturedStdout();
+  return outputOf([&] { Post(switches, protocol, "Agent/1", body); });
 }
 
 TEST(Post, looksAtTheBodyFirst) {
@@ -38,10 +37,12 @@ TEST(Post, takesTheEarliestAddress) {
 }
 
 TEST(Post, leavesAMalformedAddressToTheCaller) {
-  EXPECT_THROW((void)consoleOf({{"URL", "http://[::1/"}}, "b"), Poco::SyntaxException);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-  EXPECT_THROW((void)consoleOf({{"URL", "http://127.0.0.1:99999/"}, {"RAW", ""}}, "b"), Poco::SyntaxException);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  for (const SwitchMap& switches :
+       {SwitchMap{{"URL", "http://[::1/"}}, SwitchMap{{"URL", "http://127.0.0.1:99999/"}, {"RAW", ""}}}) {
+    CapturedOutput output;
+    EXPECT_THROW(Post(switches, 1, "Agent/1", "b"), Poco::SyntaxException);
+    EXPECT_EQ(output.take(), "");
+  }
 }
 
 /// What a peer receives of one raw post until it is closed.

@@ -4,12 +4,13 @@
 #include <Poco/Timespan.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <functional>
 #include <stdexcept>
 #include <string>
 
 #include "posts/RawPost.h"
+#include "support/CapturedOutput.h"
+#include "support/ScriptedSocket.h"
 
 namespace keltop {
 namespace {
@@ -18,7 +19,7 @@ using Poco::TimeoutException;
 using Poco::Net::ConnectionAbortedException;
 using Poco::Net::ConnectionRefusedException;
 using Poco::Net::ConnectionResetException;
-using Poco::Net::HostNotFoundException;
+using Poco::Net::DNSException;
 
 /// What each step of the exchange does, and what was asked of it.
 struct Script {
@@ -58,10 +59,7 @@ class ScriptedImpl : public Poco::Net::StreamSocketImpl {
     EXPECT_EQ(flags, 0);
     ++script_.receives;
     script_.receiveLength = length;
-    const std::string reply = script_.onReceive();
-    const auto count = std::min(reply.size(), static_cast<std::size_t>(length));
-    std::copy_n(reply.data(), count, static_cast<char*>(buffer));
-    return static_cast<int>(count);
+    return receiveInto(buffer, length, script_.onReceive());
   }
   void setReceiveTimeout(const Poco::Timespan& timeout) override { script_.receiveTimeout = timeout; }
   Poco::Timespan getReceiveTimeout() override { return script_.granted; }
@@ -76,19 +74,12 @@ class ScriptedImpl : public Poco::Net::StreamSocketImpl {
   Script& script_;
 };
 
-class ScriptedSocket : public Poco::Net::StreamSocket {
- public:
-  explicit ScriptedSocket(Script& script) : Poco::Net::StreamSocket(new ScriptedImpl(script)) {}
-};
-
 /// What the console shows of one post.
 std::string consoleOf(Script& script, const std::string& path = "/rsi", const std::string& body = "the body") {
-  ScriptedSocket socket(script);
+  ScriptedSocket<ScriptedImpl> socket(script);
   const Posting posting = {
       .host = "127.0.0.1", .port = 8080, .path = path, .contentType = "text/xml", .userAgent = "Agent/1", .body = body};
-  testing::internal::CaptureStdout();
-  postRaw(socket, posting);
-  return testing::internal::GetCapturedStdout();
+  return outputOf([&] { postRaw(socket, posting); });
 }
 
 const std::string kRequest =
@@ -161,16 +152,6 @@ TEST(RawPost, receivesWhatIsThereWhereTheSystemHasNoTimeoutSoShort) {
   EXPECT_EQ(consoleOf(script), kPosted + "\r\nReceived:\r\nreply\n");
 }
 
-template <typename Error>
-std::function<void()> failing(const Error& error) {
-  return [error] { throw error; };
-}
-
-template <typename Error>
-std::function<std::string()> failingToReceive(const Error& error) {
-  return [error]() -> std::string { throw error; };
-}
-
 TEST(RawPost, reportsAFailureToConnect) {
   Script script;
   script.onConnect = failing(ConnectionRefusedException("why"));
@@ -197,25 +178,25 @@ TEST(RawPost, reportsAFailureToSend) {
 
 TEST(RawPost, reportsAFailureToReceive) {
   Script script;
-  script.onReceive = failingToReceive(ConnectionResetException("why"));
+  script.onReceive = failing<std::string>(ConnectionResetException("why"));
   EXPECT_EQ(consoleOf(script), kPosted + "Post(1095) Connection reset: Connection reset by peer: why\n");
-  script.onReceive = failingToReceive(ConnectionAbortedException("why"));
+  script.onReceive = failing<std::string>(ConnectionAbortedException("why"));
   EXPECT_EQ(consoleOf(script), kPosted + "Post(1099) Error: Software caused connection abort: why\n");
-  script.onReceive = failingToReceive(TimeoutException("why"));
+  script.onReceive = failing<std::string>(TimeoutException("why"));
   EXPECT_EQ(consoleOf(script), kPosted + "Post(1103) Timeout: Timeout: why\n");
-  script.onReceive = failingToReceive(Poco::IOException("why"));
+  script.onReceive = failing<std::string>(Poco::IOException("why"));
   EXPECT_EQ(consoleOf(script), kPosted + "Post(1107) Other error\n");
 }
 
 TEST(RawPost, leavesAHostThatCannotBeResolvedToTheCaller) {
   Script script;
-  ScriptedSocket socket(script);
+  ScriptedSocket<ScriptedImpl> socket(script);
   const std::string body = "b";
-  const Posting posting = {
-      .host = "no-such-host.invalid", .port = 1, .path = "/", .contentType = "t", .userAgent = "a", .body = body};
-  testing::internal::CaptureStdout();
-  EXPECT_THROW(postRaw(socket, posting), Poco::Exception);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Post(1025) no-such-host.invalid 1\n");
+  // Nobody is asked for a name that has an empty part.
+  const Posting posting = {.host = "a..b", .port = 1, .path = "/", .contentType = "t", .userAgent = "a", .body = body};
+  CapturedOutput output;
+  EXPECT_THROW(postRaw(socket, posting), DNSException);
+  EXPECT_EQ(output.take(), "Post(1025) a..b 1\n");
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include "posts/Protocol.h"
 #include "posts/TestPost.h"
+#include "support/CapturedOutput.h"
 
 namespace keltop {
 namespace {
@@ -61,26 +62,24 @@ TEST(TestPost, hasNoPayloadForAnotherProtocol) {
 TEST(TestPost, reportsAFailureOfTheLibraryAndReturns) {
   TestPost post = kPost;
   post.completeXml = [](XmlElement&, const PostValues&) { throw Poco::DataException("why"); };
-  testing::internal::CaptureStdout();
+  CapturedOutput output;
   EXPECT_NO_THROW(sendTestPost({{"TEST", ""}}, post));
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "PostTEST(1) Error: Data error: why\n");
+  EXPECT_EQ(output.take(), "PostTEST(1) Error: Data error: why\n");
 }
 
 TEST(TestPost, catchesOnlyTheLibrarysExceptions) {
   TestPost post = kPost;
   post.completeJson = [](Poco::JSON::Object&, const PostValues&) { throw std::runtime_error("why"); };
-  testing::internal::CaptureStdout();
+  CapturedOutput output;
   EXPECT_THROW(sendTestPost({{"TEST", "json"}}, post), std::runtime_error);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  EXPECT_EQ(output.take(), "");
 }
 
 TEST(TestPost, buildsThePayloadEvenWithoutAnAddress) {
   static int built = 0;
   TestPost post = kPost;
   post.completeJson = [](Poco::JSON::Object&, const PostValues&) { ++built; };
-  testing::internal::CaptureStdout();
-  sendTestPost({{"TEST", "json"}}, post);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Post(985) Error: No URL given\n");
+  EXPECT_EQ(outputOf([&] { sendTestPost({{"TEST", "json"}}, post); }), "Post(985) Error: No URL given\n");
   EXPECT_EQ(built, 1);
 }
 

@@ -4,40 +4,27 @@
 #include <string>
 
 #include "product/ConsoleStream.h"
+#include "support/CapturedOutput.h"
 
 namespace keltop {
 namespace {
 
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStdout;
-
 TEST(ConsoleStream, passesTextOnWhenFlushedAndNotBefore) {
   ConsoleStream console;
-  CaptureStdout();
-  console << "a " << 1 << '\n';
-  EXPECT_EQ(GetCapturedStdout(), "");
-  CaptureStdout();
-  console << "b" << std::endl;
-  EXPECT_EQ(GetCapturedStdout(), "a 1\nb\n");
-  CaptureStdout();
-  console << std::flush;
-  EXPECT_EQ(GetCapturedStdout(), "");
+  EXPECT_EQ(outputOf([&] { console << "a " << 1 << '\n'; }), "");
+  EXPECT_EQ(outputOf([&] { console << "b" << std::endl; }), "a 1\nb\n");
+  EXPECT_EQ(outputOf([&] { console << std::flush; }), "");
 }
 
 TEST(ConsoleStream, passesTheRestOnWhenItGoes) {
-  CaptureStdout();
-  { ConsoleStream() << "rest"; }
-  EXPECT_EQ(GetCapturedStdout(), "rest");
+  EXPECT_EQ(outputOf([&] { ConsoleStream() << "rest"; }), "rest");
 }
 
 TEST(ConsoleStream, keepsTheOrderOfShortAndLongTexts) {
   const std::string longText(200'000, 'x');
-  CaptureStdout();
-  { ConsoleStream() << "before" << longText << "after"; }
-  EXPECT_EQ(GetCapturedStdout(), "before" + longText + "after");
-  CaptureStdout();
-  { (ConsoleStream() << "a").append("b").append(longText).append("c") << "d"; }
-  EXPECT_EQ(GetCapturedStdout(), "ab" + longText + "cd");
+  EXPECT_EQ(outputOf([&] { ConsoleStream() << "before" << longText << "after"; }), "before" + longText + "after");
+  EXPECT_EQ(outputOf([&] { (ConsoleStream() << "a").append("b").append(longText).append("c") << "d"; }),
+            "ab" + longText + "cd");
 }
 
 TEST(ConsoleStream, carriesEveryByte) {
@@ -47,15 +34,11 @@ TEST(ConsoleStream, carriesEveryByte) {
       bytes += static_cast<char>(i);
     }
   }
-  CaptureStdout();
-  { ConsoleStream() << bytes; }
-  EXPECT_EQ(GetCapturedStdout(), bytes);
+  EXPECT_EQ(outputOf([&] { ConsoleStream() << bytes; }), bytes);
 }
 
 TEST(ConsoleStream, siteLineNamesRoutineSiteAndMessage) {
-  CaptureStdout();
-  printSiteLine("Routine", 42, "Error: ", "detail");
-  EXPECT_EQ(GetCapturedStdout(), "Routine(42) Error: detail\n");
+  EXPECT_EQ(outputOf([&] { printSiteLine("Routine", 42, "Error: ", "detail"); }), "Routine(42) Error: detail\n");
 }
 
 }  // namespace

@@ -1,12 +1,14 @@
 #include <gtest/gtest.h>
 
-#include <thread>
+#include <cstdint>
+#include <future>
 #include <type_traits>
 #include <vector>
 
 #include "semaphore/EventSemaphore.h"
 #include "semaphore/GlobalName.h"
 #include "support/ClosedHandle.h"
+#include "support/Timing.h"
 #include "support/UniqueName.h"
 
 namespace SEMAPHORE {
@@ -101,22 +103,25 @@ TEST(EventSemaphore, destructionClosesTheHandle) {
 TEST(EventSemaphore, anImpossibleNameGivesNoHandle) {
   EventSemaphore event;
   EXPECT_FALSE(event.create(keltop::impossibleName()));
+  EXPECT_EQ(event.handle(), ObjectHandle::none);
   EXPECT_FALSE(event.open(keltop::impossibleName()));
+  EXPECT_EQ(event.handle(), ObjectHandle::none);
 }
 
 TEST(EventSemaphore, settingWakesEveryWaitingThread) {
   EventSemaphore event;
   ASSERT_TRUE(event.create(uniqueName()));
-  std::vector<std::uint32_t> results(4, platform::kWaitFailed);
-  std::vector<std::thread> waiters;
-  for (std::uint32_t& result : results) {
-    waiters.emplace_back([&] { result = platform::waitForObject(event.handle(), platform::kInfinite); });
+  std::vector<std::future<std::uint32_t>> waiters(4);
+  for (std::future<std::uint32_t>& waiter : waiters) {
+    waiter =
+        std::async(std::launch::async, [&event] { return platform::waitForObject(event.handle(), keltop::kLong); });
   }
+  EXPECT_EQ(keltop::waitingOf(waiters), 4);
   EXPECT_TRUE(platform::setEvent(event.handle()));
-  for (std::thread& waiter : waiters) {
-    waiter.join();
+  for (std::future<std::uint32_t>& waiter : waiters) {
+    EXPECT_TRUE(keltop::ends(waiter));
+    EXPECT_EQ(waiter.get(), platform::kWaitObject);
   }
-  EXPECT_EQ(results, std::vector<std::uint32_t>(4, platform::kWaitObject));
 }
 
 }  // namespace

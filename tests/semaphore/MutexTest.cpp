@@ -1,11 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <future>
 #include <thread>
 #include <type_traits>
 #include <vector>
 
 #include "semaphore/Mutex.h"
 #include "support/ClosedHandle.h"
+#include "support/Timing.h"
 #include "support/UniqueName.h"
 
 namespace SEMAPHORE {
@@ -59,11 +61,12 @@ TEST(Mutex, onlyTheOwnerCanRelease) {
 TEST(Mutex, releasedMutexGoesToTheWaitingThread) {
   Mutex mutex;
   ASSERT_EQ(mutex.lock(0), kAcquired);
-  std::uint32_t result = kOther;
-  std::thread waiter([&] { result = mutex.lock(platform::kInfinite); });
+  std::future<std::uint32_t> waiter =
+      std::async(std::launch::async, [&mutex] { return lockElsewhere(mutex, keltop::kLong); });
+  EXPECT_TRUE(keltop::waits(waiter));
   mutex.unlock();
-  waiter.join();
-  EXPECT_EQ(result, kAcquired);
+  EXPECT_TRUE(keltop::ends(waiter));
+  EXPECT_EQ(waiter.get(), kAcquired);
 }
 
 TEST(Mutex, anOwnerThatEndsAbandonsItToTheNextWhoThenOwnsIt) {

@@ -1,10 +1,17 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <future>
+#include <string>
 #include <thread>
 #include <type_traits>
+#include <vector>
 
 #include "semaphore/Semaphore.h"
 #include "support/ClosedHandle.h"
+#include "support/Timing.h"
 #include "support/UniqueName.h"
 
 namespace SEMAPHORE {
@@ -75,7 +82,38 @@ TEST(Semaphore, destructionClosesTheHandle) {
   }));
 }
 
+/// How many threads go on waiting when so many do, or do not in time.
+std::ptrdiff_t waitingOnce(const std::vector<std::future<std::uint32_t>>& takers, std::ptrdiff_t expected) {
+  const auto begin = std::chrono::steady_clock::now();
+  std::ptrdiff_t waiting = keltop::waitingOf(takers);
+  while (waiting > expected && std::chrono::steady_clock::now() - begin < std::chrono::seconds(10)) {
+    waiting = keltop::waitingOf(takers);
+  }
+  return waiting;
+}
+
 TEST(Semaphore, everyPostWakesOneWaiter) {
+  for (const std::string& name : {std::string(), uniqueName()}) {
+    Semaphore semaphore;
+    ASSERT_TRUE(semaphore.create(0, 0, name));
+    std::vector<std::future<std::uint32_t>> takers(3);
+    for (std::future<std::uint32_t>& taker : takers) {
+      taker = std::async(std::launch::async,
+                         [&semaphore] { return platform::waitForObject(semaphore.handle(), keltop::kLong); });
+    }
+    EXPECT_EQ(keltop::waitingOf(takers), 3);
+    for (const std::ptrdiff_t left : {2, 1, 0}) {
+      ASSERT_TRUE(platform::releaseSemaphore(semaphore.handle()));
+      EXPECT_EQ(waitingOnce(takers, left), left);
+    }
+    for (std::future<std::uint32_t>& taker : takers) {
+      EXPECT_EQ(taker.get(), platform::kWaitObject);
+    }
+    EXPECT_EQ(platform::waitForObject(semaphore.handle(), 0), platform::kWaitTimeout);
+  }
+}
+
+TEST(Semaphore, noPostIsLostOrTakenTwice) {
   for (const std::string& name : {std::string(), uniqueName()}) {
     Semaphore semaphore;
     ASSERT_TRUE(semaphore.create(0, 0, name));

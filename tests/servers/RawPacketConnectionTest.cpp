@@ -6,11 +6,11 @@
 #include <Poco/Timespan.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <chrono>
 #include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -21,13 +21,18 @@
 #include "semaphore/GlobalName.h"
 #include "servers/RawPacketConnection.h"
 #include "servers/RawPacketConnectionFactory.h"
+#include "support/CapturedOutput.h"
+#include "support/ScriptedSocket.h"
 
 namespace keltop {
 namespace {
 
+/// What one receiving gives: bytes or, where there is nothing to read now, none, for which the count is negative.
+using Step = std::function<std::optional<std::string>()>;
+
 /// What the socket gives, step by step, and what was asked of it. After the last step the peer has closed.
 struct Script {
-  std::deque<std::function<std::string()>> steps;
+  std::deque<Step> steps;
   int silentPolls = 0;
 
   int polls = 0;
@@ -37,7 +42,6 @@ struct Script {
 };
 
 constexpr int kWouldBlock = -1;
-const std::string kNothingNow = "(a negative count)";
 
 class ScriptedImpl : public Poco::Net::StreamSocketImpl {
  public:
@@ -53,15 +57,14 @@ class ScriptedImpl : public Poco::Net::StreamSocketImpl {
     if (script_.steps.empty()) {
       return 0;
     }
-    const auto step = script_.steps.front();
+    const Step step = script_.steps.front();
     script_.steps.pop_front();
-    const std::string bytes = step();
-    if (bytes == kNothingNow) {
+    const std::optional<std::string> bytes = step();
+    if (!bytes) {
       return kWouldBlock;
     }
-    EXPECT_LE(bytes.size(), static_cast<std::size_t>(length));
-    std::copy(bytes.begin(), bytes.end(), static_cast<char*>(buffer));
-    return static_cast<int>(bytes.size());
+    EXPECT_LE(bytes->size(), static_cast<std::size_t>(length));
+    return receiveInto(buffer, length, *bytes);
   }
   int sendBytes(const void* /*buffer*/, int length, int /*flags*/) override {
     ++script_.sends;
@@ -75,26 +78,21 @@ class ScriptedImpl : public Poco::Net::StreamSocketImpl {
   Script& script_;
 };
 
-class ScriptedSocket : public Poco::Net::StreamSocket {
- public:
-  explicit ScriptedSocket(Script& script) : Poco::Net::StreamSocket(new ScriptedImpl(script)) {}
-};
-
-std::function<std::string()> bytes(std::string sent) {
+Step bytes(std::string sent) {
   return [sent = std::move(sent)] { return sent; };
 }
 
-template <typename Failure>
-std::function<std::string()> failing(Failure failure) {
-  return [failure]() -> std::string { throw failure; };
+const Step kNothingNow = [] { return std::nullopt; };
+
+template <typename Error>
+Step failingStep(Error error) {
+  return failing<std::optional<std::string>>(std::move(error));
 }
 
 /// What the console shows of one connection.
 std::string consoleOf(Script& script) {
-  RawPacketConnection connection{ScriptedSocket(script)};
-  testing::internal::CaptureStdout();
-  connection.run();
-  return testing::internal::GetCapturedStdout();
+  RawPacketConnection connection{ScriptedSocket<ScriptedImpl>(script)};
+  return outputOf([&] { connection.run(); });
 }
 
 const std::string kBegin = "\r\nConnect from 192.0.2.1:4711\n";
@@ -122,22 +120,21 @@ TEST(RawPacketConnection, pollsASilentPeerWithoutLimit) {
 
 TEST(RawPacketConnection, pollsAgainAfterANegativeCountOrATimeOut) {
   Script script = {
-      .steps = {bytes("A"), bytes(kNothingNow), bytes("B"), failing(Poco::TimeoutException("why")), bytes("C")}};
+      .steps = {bytes("A"), kNothingNow, bytes("B"), failingStep(Poco::TimeoutException("why")), bytes("C")}};
   EXPECT_EQ(consoleOf(script), kBegin + "ABC" + kEnd);
   EXPECT_EQ(script.polls, 3);
 }
 
 TEST(RawPacketConnection, reportsAnyOtherFailureOfTheLibraryAndEnds) {
-  Script script = {.steps = {bytes("A"), failing(Poco::Net::ConnectionResetException("why")), bytes("never")}};
+  Script script = {.steps = {bytes("A"), failingStep(Poco::Net::ConnectionResetException("why")), bytes("never")}};
   EXPECT_EQ(consoleOf(script), kBegin + "AError: Connection reset by peer: why\n" + kClosing);
-  Script other = {.steps = {failing(Poco::IOException("why"))}};
+  Script other = {.steps = {failingStep(Poco::IOException("why"))}};
   EXPECT_EQ(consoleOf(other), kBegin + "Error: I/O error: why\n" + kClosing);
 }
 
 TEST(RawPacketConnection, catchesOnlyTheLibrarysExceptions) {
-  Script script = {.steps = {failing(std::runtime_error("why"))}};
+  Script script = {.steps = {failingStep(std::runtime_error("why"))}};
   EXPECT_THROW((void)consoleOf(script), std::runtime_error);
-  (void)testing::internal::GetCapturedStdout();
 }
 
 /// One test: other programs that run beside it use the same event.
@@ -155,7 +152,7 @@ TEST(RawPacketConnection, holdsTheShutdownEventAsLongAsItLastsAndDoesNotWaitOnIt
                                held = exists();
                                return std::string("A");
                              },
-                             bytes(kNothingNow), bytes("B")}};
+                             kNothingNow, bytes("B")}};
   EXPECT_EQ(consoleOf(script), kBegin + "AB" + kEnd);
   EXPECT_TRUE(held);
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
@@ -167,7 +164,7 @@ TEST(RawPacketConnection, holdsTheShutdownEventAsLongAsItLastsAndDoesNotWaitOnIt
 
 TEST(RawPacketConnection, theFactoryMakesANewOneForEachSocket) {
   Script script;
-  const ScriptedSocket socket(script);
+  const ScriptedSocket<ScriptedImpl> socket(script);
   RawPacketConnectionFactory factory;
   const std::unique_ptr<Poco::Net::TCPServerConnection> one(factory.createConnection(socket));
   const std::unique_ptr<Poco::Net::TCPServerConnection> two(factory.createConnection(socket));

@@ -52,10 +52,11 @@ TEST_F(ReadAheadTest, tellsWhenTheNextByteMustComeFromTheSocket) {
   ASSERT_TRUE(socket_.poll(Poco::Timespan(10, 0), StreamSocket::SELECT_READ));
   ReadAhead ahead(socket_);
   char byte = 0;
-  while (ahead.receiveByte(byte) == 1 && byte != 'A') {
-  }
+  ASSERT_EQ(ahead.receiveByte(byte), 1);
+  EXPECT_EQ(byte, 'A');
   EXPECT_FALSE(ahead.drained());
   EXPECT_EQ(ahead.receiveByte(byte), 1);
+  EXPECT_EQ(byte, 'B');
   EXPECT_TRUE(ahead.drained());
 }
 

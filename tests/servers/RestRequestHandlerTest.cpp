@@ -1,11 +1,11 @@
-#include <Poco/Exception.h>
 #include <gtest/gtest.h>
 
 #include <sstream>
-#include <streambuf>
 #include <string>
 
 #include "servers/RestRequestHandler.h"
+#include "support/CapturedOutput.h"
+#include "support/FailingStream.h"
 
 namespace keltop {
 namespace {
@@ -25,14 +25,6 @@ class UnsentResponse : public Poco::Net::HTTPServerResponse {
   std::ostringstream nowhere_;
 };
 
-/// Fails as the network library does.
-class FailingBuffer : public std::streambuf {
- protected:
-  std::streamsize xsputn(const char* /*text*/, std::streamsize /*length*/) override {
-    throw Poco::IOException("no paper");
-  }
-};
-
 TEST(RestRequestHandler, printsStatusBeforeReasonAndVersionThenTheHeadersInOrder) {
   UnsentResponse response;
   response.setVersion("HTTP/1.1");
@@ -47,13 +39,11 @@ TEST(RestRequestHandler, printsStatusBeforeReasonAndVersionThenTheHeadersInOrder
 
 TEST(RestRequestHandler, reportsAFailureOfTheLibraryAndGoesOn) {
   UnsentResponse response;
-  FailingBuffer failing;
-  std::ostream console(&failing);
-  console.exceptions(std::ios::badbit);
-  testing::internal::CaptureStdout();
+  response.setVersion("HTTP/1.1");
+  FailingStream console("200 OK HTTP/1.1\r\n\r\n");
+  CapturedOutput output;
   EXPECT_NO_THROW(printResponse(console, response));
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
-            "RestRequestHandler::handleRequest(418) Read error: I/O error: no paper\n");
+  EXPECT_EQ(output.take(), "RestRequestHandler::handleRequest(418) Read error: I/O error: why\n");
 }
 
 }  // namespace

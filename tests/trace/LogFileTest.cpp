@@ -3,15 +3,16 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <memory>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include "platform/Identity.h"
 #include "semaphore/MutexAutoLock.h"
 #include "support/OnWindows.h"
+#include "support/Timing.h"
 #include "support/UniqueName.h"
 #include "trace/FormatTrace.h"
 #include "trace/LogFile.h"
@@ -24,9 +25,7 @@ namespace {
 namespace fs = std::filesystem;
 using Names = std::vector<std::string>;
 
-constexpr const char* kLive = "LOG1067.ltt";
-constexpr const char* kCopy = "LOG1067-20240115090507042.ltt";  // of a file that was opened at the start
-constexpr std::uintmax_t kFull = 50'000'000;
+constexpr std::uintmax_t kFull = kFullTrace;
 
 class LogFileTest : public TraceFolder {
  protected:
@@ -352,11 +351,11 @@ TEST_F(LogFileTest, aRotationAndADayChangeWaitForTheirTurn) {
     file.write("line\r\n");
     const Names before = filesIn(traces());
     auto turn = std::make_unique<SEMAPHORE::MutexAutoLock>(name);
-    std::thread tending([&] { (file.*tend)(); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the time that is observed
+    std::future<void> tending = std::async(std::launch::async, [&file, tend] { (file.*tend)(); });
+    EXPECT_TRUE(waits(tending));
     EXPECT_EQ(filesIn(traces()), before) << "no copy has been begun";
     turn.reset();
-    tending.join();
+    tending.get();
     EXPECT_LT(fs::file_size(trace(name + ".ltt")), kFull);
   }
 }

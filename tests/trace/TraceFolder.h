@@ -12,16 +12,17 @@
 #include "platform/Settings.h"
 #include "support/FakeClock.h"
 #include "support/TemporaryFolder.h"
+#include "support/TraceValues.h"
 
 namespace keltop {
 
 /// A data location of the test's own, with the trace folder in it, and a clock that stands still.
 class TraceFolder : public testing::Test {
  protected:
-  static constexpr platform::LocalTime kStart = {
-      .year = 2024, .month = 1, .dayOfWeek = 1, .day = 15, .hour = 9, .minute = 5, .second = 7, .milliseconds = 42};
+  static constexpr const char* kLive = "LOG1067.ltt";
+  static constexpr const char* kCopy = "LOG1067-20240115090507042.ltt";  // of a file that was opened at the start
 
-  TraceFolder() : clock_(kStart) {
+  TraceFolder() : clock_(kTraceStart) {
     location = data_.path().string();
     platform::setDataLocationSource([] { return location; });
     std::filesystem::create_directory(traces());

@@ -38,7 +38,7 @@ TEST_F(TraceWrite, linesReachTheFileThroughTheProgramsController) {
     record.threadId = threadId;
     return traceLine("LOG1067", record);
   };
-  const std::string content = contentOf(trace("LOG1067.ltt"));
+  const std::string content = contentOf(trace(kLive));
   const std::uint32_t self = platform::currentThreadId();
   EXPECT_EQ(content.substr(content.find("\r\n") + 2), line("KELTOP - Built on Jan 15 2024 Version: 8.0.26", self) +
                                                           line("text", self) + line("A:x", self) +
@@ -46,7 +46,7 @@ TEST_F(TraceWrite, linesReachTheFileThroughTheProgramsController) {
 }
 
 TEST(MakeRecord, isStampedWithItsThreadAndTime) {
-  const FakeClock clock({.year = 2024, .month = 1, .day = 15, .hour = 9, .minute = 5, .second = 7, .milliseconds = 42});
+  const FakeClock clock(kTraceStart);
   const ThreadLogData record = makeRecord(1067, 6, "text");
   EXPECT_EQ(record.module, 1067U);
   EXPECT_EQ(record.threadId, platform::currentThreadId());

@@ -9,35 +9,50 @@
 #include <string>
 #include <vector>
 
+#include "support/Timing.h"
 #include "zeromq/SharedState.h"
 #include "zeromq/SocketTable.h"
+#include "zeromq/ZBase.h"
 #include "zeromq/ZContext.h"
 
 namespace QXUTIL::ZEROMQ {
 
-/// How long a peer waits for a message that must come.
-inline constexpr int kLong = 20'000;
+using keltop::kLong;
+
+/// Where a socket is bound to whichever port is free.
+inline constexpr const char* kAnyPort = "tcp://127.0.0.1:*";
+
+/// Where nobody listens.
+inline constexpr const char* kNobody = "tcp://127.0.0.1:1";
+
+/// The endpoint that a socket was bound or connected to last, with its port.
+inline std::string lastEndpoint(void* socket) {
+  std::array<char, 256> endpoint = {};
+  std::size_t size = endpoint.size();
+  EXPECT_EQ(::zmq_getsockopt(socket, ZMQ_LAST_ENDPOINT, endpoint.data(), &size), 0);
+  return endpoint.data();
+}
+
+/// A socket that sends and receives.
+class Pair : public ZBase {
+ public:
+  int connect(const std::string& endpoint) { return ZBase::connect(endpoint, ZMQ_PAIR); }
+};
 
 /// A socket of another program's: it knows nothing of the classes under test.
 class Peer {
  public:
-  explicit Peer(int type, const std::string& endpoint = "tcp://127.0.0.1:*")
-      : socket_(::zmq_socket(context_.get(), type)) {
-    const int linger = 0;
-    ::zmq_setsockopt(socket_, ZMQ_LINGER, &linger, sizeof linger);
-    EXPECT_EQ(::zmq_bind(socket_, endpoint.c_str()), 0);
-    std::array<char, 256> bound = {};
-    std::size_t size = bound.size();
-    ::zmq_getsockopt(socket_, ZMQ_LAST_ENDPOINT, bound.data(), &size);
-    endpoint_ = bound.data();
-  }
+  /// Bound to a port of its own.
+  explicit Peer(int type) : Peer(type, ::zmq_bind, kAnyPort) {}
+  /// Connected.
+  Peer(int type, const std::string& endpoint) : Peer(type, ::zmq_connect, endpoint) {}
   ~Peer() { ::zmq_close(socket_); }
   Peer(const Peer&) = delete;
   Peer& operator=(const Peer&) = delete;
 
   [[nodiscard]] const std::string& endpoint() const noexcept { return endpoint_; }
 
-  /// The parts of the next message; none when none came in time.
+  /// The parts of the next message, which must come; none when none came in time.
   [[nodiscard]] std::vector<std::string> receive(int milliseconds = kLong) const {
     ::zmq_setsockopt(socket_, ZMQ_RCVTIMEO, &milliseconds, sizeof milliseconds);
     std::vector<std::string> parts;
@@ -60,6 +75,14 @@ class Peer {
   }
 
  private:
+  Peer(int type, int (*attach)(void*, const char*), const std::string& endpoint)
+      : socket_(::zmq_socket(context_.get(), type)) {
+    const int linger = 0;
+    ::zmq_setsockopt(socket_, ZMQ_LINGER, &linger, sizeof linger);
+    EXPECT_EQ(attach(socket_, endpoint.c_str()), 0);
+    endpoint_ = lastEndpoint(socket_);
+  }
+
   struct EndContext {
     void operator()(void* context) const noexcept { ::zmq_ctx_term(context); }
   };

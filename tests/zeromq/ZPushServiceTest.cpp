@@ -19,8 +19,6 @@ namespace {
 using Parts = std::vector<std::string>;
 using Socket = ZPushService::ZPushServiceSocket;
 
-constexpr const char* kNobody = "tcp://127.0.0.1:1";
-
 const Socket* socketOf(const std::string& endpoint) {
   const auto known = socketTable().sockets.find(endpoint);
   return known == socketTable().sockets.end() ? nullptr : known->second.get();

@@ -4,12 +4,15 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <future>
 #include <string>
 #include <thread>
 
 #include "platform/KernelObjects.h"
+#include "platform/linux/StateFile.h"
 #include "support/ResourceLimit.h"
 #include "support/TemporaryFolder.h"
+#include "support/Timing.h"
 #include "support/UniqueName.h"
 
 namespace keltop::platform {
@@ -41,6 +44,16 @@ class LinuxKernelObjects : public testing::Test {
   }
 
   [[nodiscard]] static std::string fileName(const std::string& name) { return "keltop." + name; }
+
+  /// Whether a wait of this process has its watch on an object's file.
+  [[nodiscard]] static bool watchStands() {
+    for (const auto& descriptor : fs::directory_iterator("/proc/self/fdinfo")) {
+      if (contentOf(descriptor.path()).find("inotify wd:") != std::string::npos) {
+        return true;
+      }
+    }
+    return false;
+  }
 
   const std::string name_ = uniqueName();
   TemporaryFolder folder_;
@@ -84,11 +97,30 @@ TEST_F(LinuxKernelObjects, withoutAChangeNotificationAWaitStillEnds) {
   const ResourceLimit noDescriptors(RLIMIT_NOFILE, kStandardStreamsOnly);
   const auto begin = std::chrono::steady_clock::now();
   EXPECT_EQ(waitForObject(event, 30), kWaitTimeout);
-  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(29));
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, almost(std::chrono::milliseconds(30)));
   std::thread waiter([&] { EXPECT_EQ(waitForObject(event, kInfinite), kWaitObject); });
   EXPECT_TRUE(setEvent(event));
   waiter.join();
   EXPECT_TRUE(closeObject(event));
+}
+
+/// The object lives on in another process, which has an open file of its own and sets the event.
+TEST_F(LinuxKernelObjects, anObjectClosedDuringAWaitStaysUntilTheWaitEnds) {
+  const ObjectHandle event = createEvent(nullptr, name_);
+  const auto [other, error] = StateFile::open(folder_ / fileName(name_));
+  ASSERT_EQ(error, 0);
+  ASSERT_TRUE(other->tryLockShared(StateFile::LockByte::life));
+  std::future<std::uint32_t> waiting = std::async(std::launch::async, [event] { return waitForObject(event, kLong); });
+  while (!watchStands()) {
+    ASSERT_EQ(waiting.wait_for(std::chrono::milliseconds(1)), std::future_status::timeout) << "it did not wait";
+  }
+  EXPECT_TRUE(closeObject(event));
+  EXPECT_FALSE(closeObject(event)) << "it was the only handle";
+  EXPECT_TRUE(waits(waiting));
+  EXPECT_TRUE(other->writeValue(1));
+  EXPECT_TRUE(ends(waiting));
+  EXPECT_EQ(waiting.get(), kWaitObject);
+  EXPECT_TRUE(fs::remove(folder_ / fileName(name_))) << "the other process's";
 }
 
 TEST_F(LinuxKernelObjects, whatCannotBeWrittenIsAnErrorAndChangesNothing) {

@@ -2,7 +2,8 @@
 // runs the console's control routine.
 //
 // ConsoleHost COMMAND-LINE; each number on standard input is a control type to tell. At the program's end, "ended N"
-// with its exit code stands on standard error; standard output is the program's.
+// with its exit code stands on standard error; standard output is the program's. Where the program cannot be started,
+// or the system has no control routine, standard error says so, and this program ends with 1.
 
 #include <windows.h>
 
@@ -13,35 +14,72 @@
 
 namespace {
 
+/// A handle that is closed with this object.
+class Handle {
+ public:
+  explicit Handle(HANDLE handle) noexcept : handle_(handle) {}
+  ~Handle() {
+    if (handle_ != nullptr) {
+      ::CloseHandle(handle_);
+    }
+  }
+  Handle(const Handle&) = delete;
+  Handle& operator=(const Handle&) = delete;
+
+  [[nodiscard]] HANDLE get() const noexcept { return handle_; }
+
+ private:
+  HANDLE handle_;
+};
+
+/// The error stands behind the text.
+void report(const char* what) {
+  const DWORD error = ::GetLastError();
+  std::cerr << what << ": error " << error << std::endl;
+}
+
+/// Null where it cannot be started.
 HANDLE start(std::string commandLine) {
   STARTUPINFOA info = {};
   info.cb = sizeof info;
   PROCESS_INFORMATION process = {};
-  ::CreateProcessA(nullptr, commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &info, &process);
+  if (!::CreateProcessA(nullptr, commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &info, &process)) {
+    report("the program cannot be started");
+  }
+  const Handle thread(process.hThread);
   return process.hProcess;
 }
 
-void tellEvents(HANDLE program) {
+/// Null where there is none.
+LPTHREAD_START_ROUTINE controlRoutine() {
+  const auto routine = ::GetProcAddress(::GetModuleHandleA("kernelbase.dll"), "CtrlRoutine");
+  if (routine == nullptr) {
+    report("there is no control routine");
+  }
   // By way of an object pointer: the system's type for every routine is none that a thread could start with.
-  const auto routine = reinterpret_cast<LPTHREAD_START_ROUTINE>(
-      reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleA("kernelbase.dll"), "CtrlRoutine")));
+  return reinterpret_cast<LPTHREAD_START_ROUTINE>(reinterpret_cast<void*>(routine));
+}
+
+void tellEvents(HANDLE program, LPTHREAD_START_ROUTINE routine) {
   std::uintptr_t type = 0;
   while (std::cin >> type) {
-    ::CreateRemoteThread(program, nullptr, 0, routine, reinterpret_cast<void*>(type), 0, nullptr);
+    const Handle told(::CreateRemoteThread(program, nullptr, 0, routine, reinterpret_cast<void*>(type), 0, nullptr));
   }
 }
 
 }  // namespace
 
 int main(int count, char** arguments) {
-  const HANDLE program = count == 2 ? start(arguments[1]) : nullptr;
-  if (program == nullptr) {
+  const LPTHREAD_START_ROUTINE routine = controlRoutine();
+  const Handle program(count == 2 && routine != nullptr ? start(arguments[1]) : nullptr);
+  if (program.get() == nullptr) {
     return 1;
   }
-  std::thread(tellEvents, program).detach();
-  ::WaitForSingleObject(program, INFINITE);
+  std::thread(tellEvents, program.get(), routine).detach();
+  ::WaitForSingleObject(program.get(), INFINITE);
   DWORD code = 0;
-  ::GetExitCodeProcess(program, &code);
+  ::GetExitCodeProcess(program.get(), &code);
   std::cerr << "ended " << code << std::endl;
+  // Not by the end of main, which would wait for standard input: the other thread holds it while it reads.
   ::TerminateProcess(::GetCurrentProcess(), 0);
 }

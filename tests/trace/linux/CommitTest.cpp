@@ -62,7 +62,7 @@ TEST_F(Commit, aFailedWriteLeavesTheCount) {
 
 TEST_F(Commit, aRotationForcesTheFileToTheDiskFirst) {
   write(1);
-  std::filesystem::resize_file(trace("LOG1067.ltt"), 50'000'000);
+  std::filesystem::resize_file(trace(kLive), kFullTrace);
   write(1);
   file_.checkSize();
   EXPECT_EQ(commits - before_, 1);
