@@ -15,6 +15,7 @@ import sys
 import tempfile
 import threading
 import time
+import traceback
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "process"))
@@ -149,8 +150,7 @@ class Soak:
 
     def run(self):
         lines = Lines()
-        copies = Copies(self.program, lines.add)
-        with self._agents:
+        with Copies(self.program, lines.add) as copies, self._agents:
             self.start_listeners()
             measured = {name: Measured(self.listeners[name].life) for name in ("http", "raw")}
             writers = {tag: self.agent(tag) for tag in "AB"}
@@ -159,15 +159,17 @@ class Soak:
                         for part in (self.kill_listeners, self.kill_writers, self.start_seconds)]
             for thread in threads:
                 thread.start()
-            self._watch(measured)
-            for thread in threads:
-                thread.join(4 * LONG)
-                self.check(not thread.is_alive(), f"{thread.name} does not end")
+            try:
+                self._watch(measured)
+            finally:
+                self.stop.set()
+                for thread in threads:
+                    thread.join(4 * LONG)
+                    self.check(not thread.is_alive(), f"{thread.name} does not end")
             written = dict(zip((tag.encode() for tag in writers), stop(writers.values())))
             self._settle(measured)
             self._end_listeners()
             self._start_again()
-            copies.finish()
         lines.add(live(self.program))
         lines.finish()
         self._judge(measured, lines, written)
@@ -186,7 +188,6 @@ class Soak:
             self.stop.wait(1)
             for process in measured.values():
                 process.sample()
-        self.stop.set()
 
     def _settle(self, measured):
         """With everybody gone, each descriptor has to be given back, and each raw peer's end to be shown."""
@@ -201,10 +202,9 @@ class Soak:
 
     def _end_listeners(self):
         """One Ctrl-C ends them all."""
-        lives = [listener.life for listener in self.listeners.values()]
-        lives[0].running.send_signal(signal.SIGINT)
-        for name, life in zip(self.listeners, lives):
-            code = life.wait()
+        self.listeners["http"].life.running.send_signal(signal.SIGINT)
+        for name, listener in self.listeners.items():
+            code = listener.life.wait() if listener.life else "nobody there"
             self.check(code == 0, f"{name}: ended with {code}")
 
     def _start_again(self):
@@ -295,7 +295,11 @@ def main():
     with tempfile.TemporaryDirectory(prefix="keltop-soak-", dir=shared) as folder:
         with contextlib.closing(Keltop(words.keltop, folder)) as program:
             soak = Soak(program, words.trace_agent, int(words.minutes * 60))
-            soak.run()
+            try:
+                soak.run()
+            except BaseException as failure:  # what was found until then is told in any case
+                traceback.print_exc()
+                soak.findings.append(f"cut short: {failure!r}")
     for finding in soak.findings:
         print("FOUND:", finding[:500])
     print("nothing lost, nothing grown" if not soak.findings else f"{len(soak.findings)} findings")
