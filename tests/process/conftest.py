@@ -237,6 +237,18 @@ class Running:
         return self.wait(timeout)
 
 
+def for_everybody(command, folder):
+    """The command with its program where every account can run it: the build may lie in a home folder."""
+    *before, program = command
+    os.makedirs(os.path.join(folder, "bin"), exist_ok=True)
+    os.chmod(os.path.join(folder, "bin"), 0o755)
+    copy = os.path.join(folder, "bin", os.path.basename(program))
+    if not os.path.exists(copy):
+        shutil.copy(program, copy)
+        os.chmod(copy, 0o755)
+    return [*before, copy]
+
+
 class Keltop:
     """Starts the program with a folder for the machine-wide objects and one for traces of its own."""
 
@@ -252,14 +264,6 @@ class Keltop:
         if self.windows:
             wine.set_data_location(self.data)
         self._started = []
-
-    def for_everybody(self):
-        """The program where another account can run it: the build may lie in a home folder."""
-        copy = os.path.join(self.folder, "keltop")
-        if not os.path.exists(copy):
-            shutil.copy(self.command[-1], copy)
-            os.chmod(copy, 0o755)
-        return copy
 
     def text_mode(self, output):
         """Undoes the line ends of the Windows run-time library's text mode."""

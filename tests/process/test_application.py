@@ -9,8 +9,8 @@ import subprocess
 
 import pytest
 
-from conftest import (AS_NOBODY, HEAD, as_root, eventually, free_port, is_listening, listening_on, port_in_use,
-                      without_trace)
+from conftest import (AS_NOBODY, HEAD, as_root, eventually, for_everybody, free_port, is_listening, listening_on,
+                      port_in_use, without_trace)
 
 HELP = b"""\
 \r
@@ -391,5 +391,5 @@ def test_what_needs_no_shutdown_event_runs_without(keltop, arguments, result):
 
 
 def run_as_nobody(keltop, *switches):
-    keltop.command = [keltop.for_everybody()]
+    keltop.command = for_everybody(keltop.command, keltop.folder)
     return keltop.run(*switches, **AS_NOBODY)

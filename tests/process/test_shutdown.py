@@ -13,7 +13,8 @@ import time
 
 import pytest
 
-from conftest import AS_NOBODY, HEAD, as_root, eventually, is_listening, listening_on, without_trace
+from conftest import (AS_NOBODY, HEAD, as_root, eventually, for_everybody, is_listening, listening_on,
+                      without_trace)
 from peers import Peer, read_request
 
 pytestmark = pytest.mark.skipif("config.getoption('--keltop').endswith('.exe')",
@@ -236,7 +237,7 @@ def test_ctrl_c_and_window_closed_together(keltop, mode):
 @as_root
 def test_listeners_of_other_accounts_end_too(keltop):
     os.chmod(keltop.objects, 0o1777)
-    keltop.command = [keltop.for_everybody()]
+    keltop.command = for_everybody(keltop.command, keltop.folder)
     for first, second in (({}, AS_NOBODY), (AS_NOBODY, {})):
         listeners = [keltop.listen(**first), keltop.listen(*RAW, **second)]
         listeners[1][0].send_signal(signal.SIGINT)

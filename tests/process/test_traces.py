@@ -15,7 +15,7 @@ import time
 import pytest
 
 from conftest import (AS_NOBODY, Agents, Conversation, ECHOED_BANNER, ECHOED_STOP, LONG, START_BANNER, TIME_STAMP,
-                      as_root, eventually, free_port, without_trace)
+                      as_root, eventually, for_everybody, free_port, without_trace)
 
 FULL = 50_000_000
 
@@ -74,8 +74,9 @@ def trace_agent(request, keltop):
     started = []
     command = shlex.split(request.config.getoption("--trace-agent"))
 
-    def start(*words, prefix=(), **options):
-        started.append(TraceAgent(keltop, [*prefix, *command], *words, **options))
+    def start(*words, prefix=(), everybody=False, **options):
+        reached = for_everybody(command, keltop.folder) if everybody else command
+        started.append(TraceAgent(keltop, [*prefix, *reached], *words, **options))
         return started[-1]
 
     yield start
@@ -252,7 +253,7 @@ def test_a_deleted_file_is_made_anew(keltop, trace_agent):
 def test_a_read_only_folder_is_waited_out(keltop, trace_agent):
     folder = os.path.dirname(live_path(keltop))
     os.chmod(keltop.objects, 0o777)
-    agent = trace_agent("steps", **AS_NOBODY)
+    agent = trace_agent("steps", everybody=True, **AS_NOBODY)
     agent.write("lost")
     assert os.listdir(folder) == []
     os.chmod(folder, 0o777)
@@ -558,7 +559,7 @@ def test_every_account_writes_to_the_same_file(keltop):
     """Whoever comes first, whatever the umask; the folder is sticky, as the installation makes it."""
     folder = os.path.join(keltop.data, "TRACELOGS")
     os.chmod(folder, 0o1777)
-    keltop.command = [keltop.for_everybody()]
+    keltop.command = for_everybody(keltop.command, keltop.folder)
     for first, second in (({}, AS_NOBODY), (AS_NOBODY, {})):
         assert keltop.run("-h", umask=0o077, **first).returncode == 0
         assert keltop.run("-h", umask=0o077, **second).returncode == 0
