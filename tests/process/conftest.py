@@ -9,6 +9,7 @@ import io
 import os
 import pty
 import re
+import select
 import shlex
 import shutil
 import signal
@@ -231,6 +232,12 @@ class Running:
             wine.check_start(self._command, code, self.output)
         return code
 
+    def wait_for_end(self):
+        """Waits for the end, also of whoever else writes to the output: nobody may read a descriptor that is closed."""
+        self.process.wait()
+        if self._collected:
+            self._collected.wait_for_end()
+
     def interrupt(self, timeout=LONG):
         """Ctrl-C; gives the exit code."""
         self.send_signal(signal.SIGINT)
@@ -317,7 +324,7 @@ class Keltop:
         for running in self._started:
             if running.process.poll() is None:
                 running.process.kill()
-            running.process.wait()
+            running.wait_for_end()
             for stream in (running.process.stdout, running.process.stderr):
                 if stream:
                     stream.close()
@@ -347,21 +354,32 @@ class Conversation:
     def __init__(self, command, **options):
         self._command = command
         self._answered = False
+        self._told = "to start"
+        self._came = b""  # what no answer has been made of yet
         self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, **options)
 
     def tell(self, *words):
         """Sends a line without waiting for its answer."""
+        self._told = " ".join(map(str, words))
         try:
-            self.process.stdin.write((" ".join(map(str, words)) + "\n").encode())
+            self.process.stdin.write((self._told + "\n").encode())
             self.process.stdin.flush()
         except BrokenPipeError:
             self._check_start()
             raise
 
-    def answer(self):
+    def answer(self, timeout=2 * LONG):
         """The next answer, as text; empty when the process has ended."""
-        line = self.process.stdout.readline()
-        if not line:
+        deadline = time.monotonic() + timeout
+        while b"\n" not in self._came:
+            if not select.select([self.process.stdout], [], [], max(0, deadline - time.monotonic()))[0]:
+                raise AssertionError(f"{self._command} told {self._told[:200]!r}: no answer within {timeout} s")
+            piece = os.read(self.process.stdout.fileno(), 1 << 16)
+            if not piece:
+                break
+            self._came += piece
+        line, end, self._came = self._came.partition(b"\n")
+        if not end:
             self._check_start()
         self._answered = True
         return line.decode().strip()
