@@ -19,7 +19,7 @@ import time
 
 import pytest
 
-from conftest import LONG, eventually, free_port, is_listening, port_in_use
+from conftest import LONG, SLOWNESS, eventually, free_port, is_listening, port_in_use
 
 DATE = rb"(?:Mon|Tue|Wed|Thu|Fri|Sat|Sun), \d\d [A-Z][a-z]{2} \d{4} \d\d:\d\d:\d\d GMT"
 TRACE_ECHO = re.compile(rb"LOG1067 [^\n]*\n")  # a trace line may come between any two lines of the console
@@ -28,7 +28,7 @@ SERVER_ERROR = b"HTTP/1.1 500 Internal Server Error\r\nConnection: Close\r\n\r\n
 NO_ANSWER = b""
 CONTINUE = b"HTTP/1.1 100 Continue\r\n\r\n"
 WORKERS = 16  # requests that are handled at a time
-PROMPT = 5.0  # seconds: far above what ending takes, far below any time-out of the network
+PROMPT = 5.0 * SLOWNESS  # seconds: far above what ending takes, far below any time-out of the network
 
 posix_streams = pytest.mark.skipif("config.getoption('--keltop').endswith('.exe')",
                                    reason="closed, full and broken standard streams are different things there")

@@ -11,7 +11,7 @@ import time
 
 import pytest
 
-from conftest import STOP_LINE, windows_cannot, without_trace
+from conftest import LONG, STOP_LINE, windows_cannot, without_trace
 from peers import Peer, answering, exchange_of, masked, read_request, reset
 
 OK = b"HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nhi"
@@ -158,7 +158,7 @@ def test_the_request_is_on_the_console_before_the_answer_comes(keltop):
 
     def serve(peer, connection):
         peer.request = read_request(connection)
-        assert shown.wait(60)
+        assert shown.wait(LONG)
         connection.sendall(OK)
 
     with Peer(serve) as peer:

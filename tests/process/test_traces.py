@@ -532,7 +532,7 @@ def test_a_turn_that_nobody_gives_up_does_not_keep_a_listener(keltop, neighbours
 def test_static_objects_may_trace_before_and_after_the_controller(keltop, request, stop):
     command = shlex.split(request.config.getoption("--trace-agent"))
     command[-1] = command[-1].replace("keltop_trace_agent", "keltop_trace_order")
-    done = subprocess.run([*command, *stop], env=keltop.env, timeout=60, capture_output=True, check=False)
+    done = subprocess.run([*command, *stop], env=keltop.env, timeout=3 * LONG, capture_output=True, check=False)
     assert (done.returncode, done.stderr) == (0, b"")
     expected = [b"File opened", b"made early", b"made in main"]
     assert texts(live(keltop))[:3] == expected
@@ -545,7 +545,7 @@ def test_the_exit_stops_the_trace_before_static_objects_end(keltop, request):
     """Not the controller's own end, which comes after theirs: what they trace is too late."""
     command = shlex.split(request.config.getoption("--trace-agent"))
     command[-1] = command[-1].replace("keltop_trace_agent", "keltop_trace_order")
-    done = subprocess.run([*command, "run", "-h"], env=keltop.env, timeout=60, capture_output=True, check=False)
+    done = subprocess.run([*command, "run", "-h"], env=keltop.env, timeout=3 * LONG, capture_output=True, check=False)
     assert (done.returncode, done.stderr) == (0, b"")
     found = texts(live(keltop))
     assert found[:2] == [b"File opened", b"made early"]
