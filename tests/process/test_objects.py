@@ -1,5 +1,6 @@
 """Machine-wide objects, used by real processes."""
 
+import fcntl
 import glob
 import os
 import random
@@ -499,12 +500,11 @@ def test_something_else_under_the_name_is_an_error(agents, make):
 @linux_files
 def test_a_stopped_holder_of_the_lock_makes_no_one_hang(agents):
     """Some process keeps the bytes locked that are meant to be locked for an instant."""
-    import fcntl
     one = agents.start()
     handle, _ = one.obtain("create-semaphore", "S", 1, 3)
     with open(the_file(agents), "r+b") as file:
         lock = struct.pack("hhqqi", fcntl.F_WRLCK, os.SEEK_SET, 4096, 1, 0)
-        fcntl.fcntl(file, 37, lock)  # F_OFD_SETLK
+        fcntl.fcntl(file, fcntl.F_OFD_SETLK, lock)
         assert one.wait(handle, 0) == FAILED
         assert one.obtain("create-semaphore", "S", 1, 3) == ("0", 170)
     assert one.wait(handle, 0) == OBJECT

@@ -449,7 +449,7 @@ def test_the_help_has_no_event_and_ctrl_c_ends_it(keltop, neighbours):
 def test_a_blocked_output_does_not_keep_it(keltop, neighbours, mode, trigger):
     unread, output = os.pipe()
     try:
-        size = fcntl.fcntl(output, 1031, 1 << 14)  # F_SETPIPE_SZ
+        size = fcntl.fcntl(output, fcntl.F_SETPIPE_SZ, 1 << 14)
         running, port = keltop.listen(*mode, stdout=output, start_new_session=True)
         event = Event(neighbours)
         sent = b"x" * 2 * size

@@ -199,7 +199,10 @@ def test_an_idle_listener_does_not_wake_its_writer_and_has_no_message_threads(ke
     running, _ = keltop.listen()
     wait_for_an_idle_writer(keltop, running)
     tasks = f"/proc/{running.process.pid}/task"
-    names = [open(f"{tasks}/{task}/comm", encoding="ascii").read() for task in os.listdir(tasks)]
+    names = []
+    for task in os.listdir(tasks):
+        with open(f"{tasks}/{task}/comm", encoding="ascii") as file:
+            names.append(file.read())
     assert not [name for name in names if name.startswith("ZMQ")]
 
 
