@@ -123,8 +123,8 @@ class Bench:
     @staticmethod
     def check_wrk(report, part):
         """Ends the run when more than a part of the requests was not answered. An answer that ends with its connection
-        counts as answered and as an error of reading, and wrk connects twice after it; so errors of reading are none or as
-        many as requests."""
+        counts as answered and as an error of reading, and wrk connects twice after it; so errors of reading are none or
+        as many as requests."""
         requests = int(re.search(rb"(\d+) requests in", report)[1])
         errors = re.search(rb"Socket errors: connect (\d+), read (\d+), write (\d+), timeout (\d+)", report)
         connect, read, write, late = map(int, errors.groups()) if errors else (0, 0, 0, 0)

@@ -14,6 +14,7 @@ import shlex
 import shutil
 import signal
 import socket
+import struct
 import subprocess
 import tempfile
 import termios
@@ -28,6 +29,8 @@ import wine
 # Seconds that a thing may take on a busy machine before it counts as not happening.
 LONG = float(os.environ.get("KELTOP_TEST_PATIENCE", "20"))
 SLOWNESS = LONG / 20  # how much longer than usually what is meant to be prompt may take
+
+WORKERS = 16  # connections that a listener serves at the same time
 
 AS_NOBODY = {"user": 65534, "group": 65534, "extra_groups": []}
 
@@ -129,6 +132,11 @@ def eventually(condition, timeout=LONG, what="condition"):
         if time.monotonic() > deadline:
             raise AssertionError(f"{what} did not come true within {timeout} s")
         time.sleep(0.002)
+
+
+def unread_bytes(pipe):
+    """How many bytes wait in a pipe."""
+    return struct.unpack("i", fcntl.ioctl(pipe, termios.FIONREAD, bytes(4)))[0]
 
 
 class Output:

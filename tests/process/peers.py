@@ -10,6 +10,11 @@ from conftest import LONG, without_trace
 
 BANNER_END = b"Perform a test room status post. Run with -h for options.\n\n"
 
+# What a room status post sends by default as JSON, masked.
+JSON_BODY = (b'{\n  "room_status": {\n    "room": {\n      "attempt": 1,\n      "code": 1,\n      "date": "DATE",\n'
+             b'      "description": "Coffee",\n      "room": "7101",\n      "time": "TIME",\n      "user": {\n'
+             b'        "fname": "Orvin",\n        "id": 1000,\n        "lname": "Talbeck"\n      }\n    }\n  }\n}')
+
 
 def after_banner(output):
     """What the program printed after the banner and the options, without its traces."""

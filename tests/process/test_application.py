@@ -10,7 +10,7 @@ import subprocess
 import pytest
 
 from conftest import (AS_NOBODY, HEAD, LONG, as_root, eventually, for_everybody, free_port, is_listening, listening_on,
-                      port_in_use, without_trace)
+                      port_in_use, windows_cannot, without_trace)
 
 HELP = b"""\
 \r
@@ -47,12 +47,9 @@ NO_URL = b"Post(985) Error: No URL given\n"
 
 OBSERVED = 0.3  # seconds for which something is watched not to happen
 
-linux_terminal = pytest.mark.skipif("config.getoption('--keltop').endswith('.exe')",
-                                    reason="a key press is read from the Windows console there")
-linux_folder = pytest.mark.skipif("config.getoption('--keltop').endswith('.exe')",
-                                  reason="the kernel's own objects are in no folder there")
-linux_sockets = pytest.mark.skipif("config.getoption('--keltop').endswith('.exe')",
-                                   reason="the sockets belong to the Wine server there")
+linux_terminal = windows_cannot("a key press is read from the Windows console there")
+linux_folder = windows_cannot("the kernel's own objects are in no folder there")
+linux_sockets = windows_cannot("the sockets belong to the Wine server there")
 
 
 def shown(done):

@@ -12,7 +12,7 @@ import time
 import pytest
 
 from conftest import LONG, STOP_LINE, windows_cannot, without_trace
-from peers import Peer, answering, exchange_of, masked, read_request, reset
+from peers import JSON_BODY, Peer, answering, exchange_of, masked, read_request, reset
 
 OK = b"HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nhi"
 
@@ -111,9 +111,7 @@ def test_transcript_with_a_server_of_the_standard_library(keltop):
         b'Content-Length: 285\r\n'
         b'Content-Type: application/json\r\n'
         b'\r\n'
-        b'{\n  "room_status": {\n    "room": {\n      "attempt": 1,\n      "code": 1,\n      "date": "DATE",\n'
-        b'      "description": "Coffee",\n      "room": "7101",\n      "time": "TIME",\n      "user": {\n'
-        b'        "fname": "Orvin",\n        "id": 1000,\n        "lname": "Talbeck"\n      }\n    }\n  }\n}'
+        + JSON_BODY +
         b'\r\nReceived response\n'
         b'HTTP/1.1 Out of coffee 500\r\nX-One: 1\r\nContent-Length: 5\r\n\r\nbody\n\r\n')
 

@@ -5,20 +5,18 @@ import os
 import random
 import socket
 import statistics
-import struct
 import subprocess
 import threading
 import time
 
 import pytest
 
-from conftest import HEAD, LONG, SLOWNESS, eventually, listening_on, windows_cannot, without_trace
+from conftest import HEAD, LONG, SLOWNESS, WORKERS, eventually, listening_on, windows_cannot, without_trace
+from peers import reset
 
-WORKERS = 16  # connections that are served at the same time
 ANY = ("127.0.0.1", 0)
 
-linux_output = pytest.mark.skipif("config.getoption('--keltop').endswith('.exe')",
-                                  reason="standard output of a Wine process is no Linux terminal and in text mode")
+linux_output = windows_cannot("standard output of a Wine process is no Linux terminal and in text mode")
 
 
 def address(peer):
@@ -35,12 +33,6 @@ def disconnected(peer):
 
 def closing(peer):
     return b"\r\nClosing connection to %s\n" % address(peer)
-
-
-def reset(peer):
-    """Ends a connection by a reset instead of an orderly close."""
-    peer.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-    peer.close()
 
 
 class Listener:

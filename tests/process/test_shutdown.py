@@ -5,24 +5,20 @@ import fcntl
 import os
 import signal
 import socket
-import struct
 import subprocess
-import termios
 import threading
 import time
 
 import pytest
 
-from conftest import (AS_NOBODY, HEAD, LONG, SLOWNESS, as_root, eventually, for_everybody, is_listening, listening_on,
-                      without_trace)
+from conftest import (AS_NOBODY, HEAD, LONG, SLOWNESS, WORKERS, as_root, eventually, for_everybody, is_listening,
+                      listening_on, unread_bytes, windows_cannot, without_trace)
 from peers import Peer, read_request
 
-pytestmark = pytest.mark.skipif("config.getoption('--keltop').endswith('.exe')",
-                                reason="a Wine process gets no signals, and its shutdown event is everybody's")
+pytestmark = windows_cannot("a Wine process gets no signals, and its shutdown event is everybody's")
 
 BOUND = 5.0 * SLOWNESS  # seconds that an end may take on a busy machine; it is meant to take less than one
 OBSERVED = 0.3  # seconds for which something is watched not to happen
-WORKERS = 16  # connections that are served at the same time
 OBJECT, TIMEOUT = 0, 258
 RAW, HTTP = ["-raw"], []
 MODES = pytest.mark.parametrize("mode", [HTTP, RAW], ids=["http", "raw"])
@@ -465,7 +461,3 @@ def test_a_blocked_output_does_not_keep_it(keltop, neighbours, mode, trigger):
     finally:
         os.close(output)
         os.close(unread)
-
-
-def unread_bytes(pipe):
-    return struct.unpack("i", fcntl.ioctl(pipe, termios.FIONREAD, bytes(4)))[0]

@@ -1,11 +1,9 @@
 """Trace files, written by real processes."""
 
-import datetime
 import os
 import random
 import re
 import shlex
-import signal
 import socket
 import subprocess
 import tempfile
@@ -15,7 +13,7 @@ import time
 import pytest
 
 from conftest import (AS_NOBODY, Agents, Conversation, ECHOED_BANNER, ECHOED_STOP, LONG, START_BANNER, TIME_STAMP,
-                      as_root, eventually, for_everybody, free_port, without_trace)
+                      as_root, eventually, for_everybody, without_trace)
 
 FULL = 50_000_000
 

@@ -205,8 +205,8 @@ class Resetting(Client):
 
 
 class RawPeer(Client):
-    """Sends pieces that are to be seen at once and in order, then closes or, when all was seen, resets. Its connection is
-    to be seen too."""
+    """Sends pieces that are to be seen at once and in order, then closes or, when all was seen, resets. Its connection
+    is to be seen too."""
 
     def __init__(self, *arguments, sender):
         super().__init__(*arguments)

@@ -25,14 +25,13 @@ sys.path.insert(0, os.path.join(HERE, "..", "process"))
 # pylint: disable=wrong-import-position
 from alphabet import SENDERS
 from clients import ANOTHER, Count, Malformed, RawPeer, Resetting, Silent, Slow, WellBehaved
-from conftest import LONG, Keltop, eventually, port_in_use, without_trace
+from conftest import LONG, WORKERS, Keltop, eventually, port_in_use, without_trace
 from listeners import Listener, port_beside_the_clients
 from posts import Posts
 from test_http import connect, read_to_end
 from test_traces import Copies, TraceAgent, live, stop
 from traces import Lines, flood_words, left_objects
 
-WORKERS = 16  # connections that a listener serves at a time
 OBJECTS = 2  # files of machine-wide objects: the shutdown event and the turn to rotate, whoever made them last
 WARM = 0.25  # part of the time after which memory has to stay
 ENOUGH = 30  # seconds in which every kind of client and of kill has its turn
