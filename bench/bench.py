@@ -4,6 +4,8 @@ Each ratio is the median of pairs taken one right after the other, so that what 
 """
 
 import argparse
+import concurrent.futures
+import contextlib
 import datetime
 import json
 import os
@@ -15,16 +17,25 @@ import statistics
 import subprocess
 import sys
 import tempfile
-import threading
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
+
+WORKERS = 16  # requests that keltop handles at a time
+TAKEN = b"taken"  # what the web server answers a post
 
 
 def free_port():
     with socket.socket() as probe:
         probe.bind(("0.0.0.0", 0))
         return probe.getsockname()[1]
+
+
+def listens(port):
+    """Whether somebody does, looked up without connecting."""
+    with open("/proc/net/tcp", encoding="ascii") as table:
+        entries = [line.split() for line in list(table)[1:]]
+    return any(entry[1].endswith(f":{port:04X}") and entry[3] == "0A" for entry in entries)
 
 
 def answers(port):
@@ -37,12 +48,24 @@ def answers(port):
         return False
 
 
-def until(condition, limit=20):
+def until(condition, what, limit=20, pause=0.005):
     deadline = time.monotonic() + limit
     while not condition():
         if time.monotonic() > deadline:
-            sys.exit("a peer did not start")
-        time.sleep(0.005)
+            sys.exit(f"{what}: not within {limit} s")
+        time.sleep(pause)
+
+
+def to_and_fro(rounds, own, other):
+    """Pairs of figures. Who is first changes, so that a machine that gets slower or faster favours nobody."""
+    pairs = []
+    for number in range(rounds):
+        if number % 2:
+            pairs.append((own(), other()))
+        else:
+            figure = other()
+            pairs.append((own(), figure))
+    return pairs
 
 
 class Bench:
@@ -93,7 +116,21 @@ class Bench:
     def requests_per_second(self, port, connections, seconds):
         done = subprocess.run(["wrk", f"-t{min(2, connections)}", f"-c{connections}", f"-d{seconds}s",
                                f"http://127.0.0.1:{port}/rsi?x=1"], stdout=subprocess.PIPE, check=True)
+        # What no worker takes at once waits in the library's queue, wrk's surplus connections too; it may close some.
+        self.check_wrk(done.stdout, 0.05 if connections > WORKERS else 0)
         return float(re.search(rb"Requests/sec:\s+([\d.]+)", done.stdout)[1])
+
+    @staticmethod
+    def check_wrk(report, part):
+        """Ends the run when more than a part of the requests was not answered. An answer that ends with its connection
+        counts as answered and as an error of reading, and wrk connects twice after it; so errors of reading are none or
+        as many as requests."""
+        requests = int(re.search(rb"(\d+) requests in", report)[1])
+        errors = re.search(rb"Socket errors: connect (\d+), read (\d+), write (\d+), timeout (\d+)", report)
+        connect, read, write, late = map(int, errors.groups()) if errors else (0, 0, 0, 0)
+        lost = min(read, abs(read - requests))
+        if not requests or lost > part * requests or connect or write or late or b"Non-2xx" in report:
+            sys.exit(f"requests were lost, refused or late:\n{report.decode()}")
 
     def http(self, rounds, seconds):
         own, floor, node = free_port(), free_port(), free_port()
@@ -103,7 +140,7 @@ class Bench:
                               os.path.join(self.folder, "node.out"))]
         try:
             for port in (own, floor, node):
-                until(lambda: answers(port))
+                until(lambda: answers(port), "a peer's start")
             for connections in (1, 8, 64):
                 with_floor, with_node = [], []
                 for number in range(rounds):
@@ -138,7 +175,7 @@ class Bench:
             begin = time.perf_counter()
             connection.sendall(b"x" * size)
             connection.close()
-            until(lambda: os.path.getsize(output) >= before + size, 120)
+            until(lambda: os.path.getsize(output) >= before + size, "the whole burst", 120, pause=0.0002)
             return time.perf_counter() - begin
         finally:
             self.stop(process)
@@ -150,24 +187,32 @@ class Bench:
                  ("nc -l", lambda port: ["nc", "-l", str(port)], None),
                  ("socat", lambda port: ["socat", "-u", f"TCP-LISTEN:{port},reuseaddr", "STDOUT"], None)]
         for name, command, limit in peers:
-            pairs = []
-            for _ in range(rounds):
-                own, other = free_port(), free_port()
-                seconds = (self.raw_seconds(self.keltop("-raw", "-p", str(own)), own, size, output),
-                           self.raw_seconds(command(other), other, size, output))
-                pairs.append(tuple(megabytes / second for second in seconds))
+            def speed(command):
+                port = free_port()
+                return megabytes / self.raw_seconds(command(port), port, size, output)
+
+            pairs = to_and_fro(rounds, lambda: speed(lambda port: self.keltop("-raw", "-p", str(port))),
+                               lambda: speed(command))
             self.ratio("raw bytes in a burst", pairs, name, limit, "MB/s")
 
     # Start-up
 
-    def seconds(self, command):
-        begin = time.perf_counter()
-        subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, env=self.env, check=True)
-        return time.perf_counter() - begin
+    def milliseconds(self, command, wanted=b""):
+        """From start to exit. What has to stand in the output is looked for when the time has been taken."""
+        with (tempfile.TemporaryFile(dir=self.folder) if wanted else open(os.devnull, "wb")) as output:
+            begin = time.perf_counter()
+            subprocess.run(command, stdin=subprocess.DEVNULL, stdout=output, env=self.env, check=True)
+            spent = time.perf_counter() - begin
+            if wanted:
+                output.seek(0)
+                shown = output.read()
+                if wanted not in shown:
+                    sys.exit(f"no {wanted!r} from {command[0]}: {shown[-500:]!r}")
+        return 1000 * spent
 
     def start_up(self, rounds):
         for name, command in (("curl --version", ["curl", "--version"]), ("node -e 0", ["node", "-e", "0"])):
-            pairs = [tuple(1000 * self.seconds(c) for c in (self.keltop("-h"), command)) for _ in range(rounds)]
+            pairs = to_and_fro(rounds, lambda: self.milliseconds(self.keltop("-h")), lambda: self.milliseconds(command))
             self.ratio("start to exit, -h", pairs, name, None, "ms", at_most=True)
         times = []
         for _ in range(rounds):
@@ -206,7 +251,7 @@ http {{
     listen 127.0.0.1:{secure} ssl;
     ssl_certificate {path('certificate.pem')};
     ssl_certificate_key {path('key.pem')};
-    location / {{ return 200 "taken"; }}
+    location / {{ return 200 "{TAKEN.decode()}"; }}
   }}
 }}
 """)
@@ -217,15 +262,17 @@ http {{
         server = self.nginx(plain, secure)
         body = os.path.join(self.folder, "body.json")
         try:
-            until(lambda: answers(plain))
+            until(lambda: answers(plain), "nginx's start")
             shown = subprocess.run(self.keltop("-rsi", "json", "-url", f"http://127.0.0.1:{plain}/rsi"), env=self.env,
                                    stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, check=True).stdout
             with open(body, "wb") as file:
                 file.write(re.search(rb"\r\n\r\n(\{.*?\n\})", shown, re.S)[1])
-            for name, url in (("HTTP", f"http://127.0.0.1:{plain}/rsi/"), ("HTTPS", f"https://127.0.0.1:{secure}/rsi/")):
+            for name, url in (("HTTP", f"http://127.0.0.1:{plain}/rsi/"),
+                              ("HTTPS", f"https://127.0.0.1:{secure}/rsi/")):
                 curl = ["curl", "-s", "-k", "-H", "Content-Type: application/json", "--data-binary", f"@{body}", url]
-                pairs = [(1000 * self.seconds(self.keltop("-rsi", "json", "-url", url)), 1000 * self.seconds(curl))
-                         for _ in range(rounds)]
+                post = self.keltop("-rsi", "json", "-url", url)  # it ends with 0 whatever came of it
+                pairs = to_and_fro(rounds, lambda: self.milliseconds(post, TAKEN),
+                                   lambda: self.milliseconds(curl, TAKEN))
                 self.ratio(f"one JSON post by {name}, whole process", pairs, "curl, same bytes", None, "ms", at_most=True)
         finally:
             self.stop(server)
@@ -266,18 +313,19 @@ http {{
             self.row("Windows build", "not built", "scripts/build-windows.sh")
             return
         foreign = ["wine", self.windows]
-        self.seconds([*foreign, "-h"])  # Wine itself has started
-        pairs = [tuple(1000 * self.seconds(c) for c in ([*foreign, "-h"], self.keltop("-h"))) for _ in range(rounds)]
+        self.milliseconds([*foreign, "-h"])  # Wine itself has started
+        pairs = to_and_fro(rounds, lambda: self.milliseconds([*foreign, "-h"]),
+                           lambda: self.milliseconds(self.keltop("-h")))
         self.ratio("Windows build: start to exit, -h", pairs, "Linux build", None, "ms", at_most=True)
         ports = free_port(), free_port()
         servers = [self.start([*command, "-p", str(port)], os.path.join(self.folder, f"{port}.out"))
                    for command, port in zip((foreign, self.keltop()), ports)]
         try:
             for port in ports:
-                until(lambda: answers(port))
+                until(lambda: answers(port), "a listener's start")
             for connections in (1, 8, 64):
-                pairs = [tuple(self.requests_per_second(port, connections, seconds) for port in ports)
-                         for _ in range(max(3, rounds // 6))]
+                pairs = to_and_fro(max(3, rounds // 6), *(
+                    lambda p=port: self.requests_per_second(p, connections, seconds) for port in ports))
                 what = f"Windows build: HTTP requests, {connections} connection{'s' if connections > 1 else ''}"
                 self.ratio(what, pairs, "Linux build", None, "1/s")
         finally:
@@ -295,32 +343,50 @@ http {{
     def descriptors(process):
         return len(os.listdir(f"/proc/{process.pid}/fd"))
 
-    def settled_descriptors(self, process, expected):
-        """Their number, once the last connections have been closed."""
+    def settled_descriptors(self, process, expected=None):
+        """Their number, once it is the expected one, or else has not changed for half a second."""
+        number, since = self.descriptors(process), time.monotonic()
         deadline = time.monotonic() + 5
-        while self.descriptors(process) != expected and time.monotonic() < deadline:
+        while number != expected and time.monotonic() < (deadline if expected else min(deadline, since + 0.5)):
             time.sleep(0.01)
-        return self.descriptors(process)
+            if (now := self.descriptors(process)) != number:
+                number, since = now, time.monotonic()
+        return number
 
     @staticmethod
     def requests(port, count, at_once=8):
-        def work():
-            for _ in range(count // at_once):
-                if not answers(port):
-                    sys.exit("a request was not answered")
-        threads = [threading.Thread(target=work) for _ in range(at_once)]
-        for thread in threads:
-            thread.start()
-        for thread in threads:
-            thread.join()
+        def work(_):
+            return sum(answers(port) for _ in range(count // at_once))
+        with concurrent.futures.ThreadPoolExecutor(at_once) as pool:
+            answered = sum(pool.map(work, range(at_once)))
+        if answered != count:
+            sys.exit(f"{count - answered} of {count} requests were not answered")
+
+    @staticmethod
+    def use_every_worker(port, output):
+        """As many requests at a time as there are workers: none ends before each has begun."""
+        with contextlib.ExitStack() as stack:
+            peers = [stack.enter_context(socket.create_connection(("127.0.0.1", port), 20)) for _ in range(WORKERS)]
+            for peer in peers:
+                peer.sendall(b"POST / HTTP/1.1\r\nContent-Length: 1\r\n\r\n")
+
+            def begun():
+                with open(output, "rb") as file:
+                    return file.read().count(b"\nContent-Length: 1\n")
+            until(lambda: begun() == WORKERS, "every worker's request")
+            for peer in peers:
+                peer.sendall(b"x")
+            if not all(peer.recv(12) == b"HTTP/1.1 200" for peer in peers):
+                sys.exit("a request was not answered")
 
     def growth(self):
         port = free_port()
-        process = self.start(self.keltop("-p", str(port)))
+        output = os.path.join(self.folder, "growth.out")
+        process = self.start(self.keltop("-p", str(port)), output)
         try:
-            until(lambda: answers(port))
-            self.requests(port, 80)  # every worker thread has run
-            open_at_start = self.descriptors(process)
+            until(lambda: listens(port), "keltop's start")
+            open_at_start = self.settled_descriptors(process)
+            self.use_every_worker(port, output)
             self.requests(port, 10_000)
             open_after = self.settled_descriptors(process, open_at_start)
             early = self.resident(process)
@@ -373,6 +439,8 @@ def main():
                  "xml": lambda: bench.xml(3 if given.quick else 11),
                  "windows": lambda: bench.under_wine(5 if given.quick else 31, 1 if given.quick else 4),
                  "growth": bench.growth}
+        if unknown := [name for name in given.only if name not in parts]:
+            options.error(f"no part is named {', '.join(unknown)}")
         for name, part in parts.items():
             if not given.only or name in given.only:
                 part()

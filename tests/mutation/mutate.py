@@ -6,9 +6,11 @@ the tests that should notice are run on it. A mutation that they do not notice h
 
 import argparse
 import collections
+import concurrent.futures
 import contextlib
 import ctypes
 import datetime
+import fcntl
 import filecmp
 import hashlib
 import json
@@ -223,19 +225,23 @@ class Tree:
         return BROKEN, done.stdout[-3000:]
 
     def test(self, mutation):
-        """The first tests that fail decide. A failure must repeat: on a busy machine a test may fail by itself."""
+        """The first tests that fail decide."""
+        verdict, by = SURVIVED, ""
         if mutation.unit:
-            verdict, by = self.test_unit(mutation.program, mutation.unit)
-            if verdict == NOTICED:
-                verdict = self.test_unit(mutation.program, [by.removesuffix(CRASH)])[0]
-            if verdict != SURVIVED:
-                return verdict, by
-        if mutation.process:
-            verdict, by = self.test_process(mutation.process)
-            if verdict == NOTICED:
-                verdict = self.test_process([by])[0]
-            return verdict, by if verdict != SURVIVED else ""
-        return SURVIVED, ""
+            verdict, by = self.confirmed(lambda tests: self.test_unit(mutation.program, tests), mutation.unit)
+        if verdict == SURVIVED and mutation.process:
+            verdict, by = self.confirmed(self.test_process, mutation.process)
+        return verdict, by
+
+    @staticmethod
+    def confirmed(run, tests):
+        """A failure, or a run without an end, must repeat: on a busy machine a test may fail by itself."""
+        verdict, by = run(tests)
+        if verdict == NOTICED:
+            verdict = run([by.removesuffix(CRASH)])[0]
+        elif verdict == HUNG:
+            verdict, by = run(tests)
+        return verdict, by if verdict != SURVIVED else ""
 
     def try_mutation(self, mutation):
         source = self.copy / mutation.file
@@ -258,18 +264,25 @@ class Tree:
         try:
             output = process.communicate(timeout=limit)[0].decode(errors="replace")
         except subprocess.TimeoutExpired:
-            with contextlib.suppress(ProcessLookupError):
-                os.killpg(process.pid, signal.SIGKILL)
-            self._end_children()
-            process.communicate()
+            self._end(process)
             return None
-        self._end_children()
+        except BaseException:
+            self._end(process)
+            raise
+        self.end_children()
         if check and process.returncode != 0:
             sys.exit(output)
         return subprocess.CompletedProcess(command, process.returncode, output)
 
+    def _end(self, process):
+        """Ends a command with its whole group."""
+        with contextlib.suppress(ProcessLookupError):
+            os.killpg(process.pid, signal.SIGKILL)
+        self.end_children()
+        process.communicate()
+
     @staticmethod
-    def _end_children():
+    def end_children():
         """Ends what a test has left running, with all that it started."""
         while children := pathlib.Path(f"/proc/self/task/{os.getpid()}/children").read_text(encoding="ascii").split():
             for child in children:
@@ -298,32 +311,59 @@ def baseline(tree, mutations):
             sys.exit(f"does not pass on the program as it is: {' '.join(verdict)}")
 
 
-def work(number, tasks, results):
-    tree = Tree(number)
-    tree.renew()
-    tree.configure()
-    for mutation in iter(tasks.get, None):
-        results.put(tree.try_mutation(mutation))
+class Worker:
+    """What one process of the pool works with."""
+
+    tree = None
+
+    @classmethod
+    def begin(cls, numbers):
+        signal.signal(signal.SIGTERM, cls.end)  # how the pool ends the others when one has died
+        cls.tree = Tree(numbers.get())
+        cls.tree.renew()
+        cls.tree.configure()
+
+    @classmethod
+    def end(cls, *_):
+        Tree.end_children()
+        os._exit(1)
+
+    @classmethod
+    def try_mutation(cls, mutation):
+        return cls.tree.try_mutation(mutation)
 
 
 def run(mutations, jobs, show):
-    tasks, results = multiprocessing.Queue(), multiprocessing.Queue()
+    """Tries all; a process of the pool that dies ends the run."""
+    numbers = multiprocessing.Queue()
+    for number in range(jobs):
+        numbers.put(number)
     seen = collections.Counter()
     turns = []
     for mutation in mutations:  # a run that is cut short has looked everywhere
         turns.append((seen[mutation.file], len(turns), mutation))
         seen[mutation.file] += 1
-    for *_, mutation in sorted(turns, key=lambda turn: turn[:2]):
-        tasks.put(mutation)
-    for _ in range(jobs):
-        tasks.put(None)
-    workers = [multiprocessing.Process(target=work, args=(number, tasks, results)) for number in range(jobs)]
-    for worker in workers:
-        worker.start()
-    for _ in mutations:
-        show(results.get())
-    for worker in workers:
-        worker.join()
+    with concurrent.futures.ProcessPoolExecutor(jobs, initializer=Worker.begin, initargs=(numbers,)) as pool:
+        try:
+            tries = [pool.submit(Worker.try_mutation, mutation)
+                     for *_, mutation in sorted(turns, key=lambda turn: turn[:2])]
+            for tried in concurrent.futures.as_completed(tries):
+                show(tried.result())
+        except BaseException:
+            pool.shutdown(wait=False, cancel_futures=True)
+            raise
+
+
+@contextlib.contextmanager
+def alone():
+    """Nobody else uses the folder of the copies meanwhile."""
+    WORK.mkdir(parents=True, exist_ok=True)
+    with open(WORK / "lock", "wb") as lock:
+        try:
+            fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        except BlockingIOError:
+            sys.exit(f"another run uses {WORK.relative_to(ROOT)}")
+        yield
 
 
 def load_results():
@@ -418,10 +458,17 @@ def main():
     if options.check:
         print(f"{len(mutations)} mutations fit the tree")
         return
-    results = load_results()
     if options.page:
-        write_page(mutations, results)
+        write_page(mutations, load_results())
         return
+    with alone():
+        bad = try_chosen(mutations, options)
+    sys.exit(1 if bad else 0)
+
+
+def try_chosen(mutations, options):
+    """Tries what the options choose; gives the results that are not as they should be."""
+    results = load_results()
     chosen = [mutation for mutation in select(mutations, options.names) if not mutation.equivalent]
     if options.resume:
         chosen = [mutation for mutation in chosen
@@ -446,7 +493,7 @@ def main():
     print(f"{len(done)} mutations, {len(done) - len(bad)} noticed, {len(bad)} not")
     if not options.names:
         write_page(mutations, results)
-    sys.exit(1 if bad else 0)
+    return bad
 
 
 if __name__ == "__main__":

@@ -9,10 +9,12 @@ import io
 import os
 import pty
 import re
+import select
 import shlex
 import shutil
 import signal
 import socket
+import struct
 import subprocess
 import tempfile
 import termios
@@ -26,6 +28,9 @@ import wine
 
 # Seconds that a thing may take on a busy machine before it counts as not happening.
 LONG = float(os.environ.get("KELTOP_TEST_PATIENCE", "20"))
+SLOWNESS = LONG / 20  # how much longer than usually what is meant to be prompt may take
+
+WORKERS = 16  # connections that a listener serves at the same time
 
 AS_NOBODY = {"user": 65534, "group": 65534, "extra_groups": []}
 
@@ -127,6 +132,11 @@ def eventually(condition, timeout=LONG, what="condition"):
         if time.monotonic() > deadline:
             raise AssertionError(f"{what} did not come true within {timeout} s")
         time.sleep(0.002)
+
+
+def unread_bytes(pipe):
+    """How many bytes wait in a pipe."""
+    return struct.unpack("i", fcntl.ioctl(pipe, termios.FIONREAD, bytes(4)))[0]
 
 
 class Output:
@@ -231,10 +241,28 @@ class Running:
             wine.check_start(self._command, code, self.output)
         return code
 
+    def wait_for_end(self):
+        """Waits for the end, also of whoever else writes to the output: nobody may read a descriptor that is closed."""
+        self.process.wait()
+        if self._collected:
+            self._collected.wait_for_end()
+
     def interrupt(self, timeout=LONG):
         """Ctrl-C; gives the exit code."""
         self.send_signal(signal.SIGINT)
         return self.wait(timeout)
+
+
+def for_everybody(command, folder):
+    """The command with its program where every account can run it: the build may lie in a home folder."""
+    *before, program = command
+    os.makedirs(os.path.join(folder, "bin"), exist_ok=True)
+    os.chmod(os.path.join(folder, "bin"), 0o755)
+    copy = os.path.join(folder, "bin", os.path.basename(program))
+    if not os.path.exists(copy):
+        shutil.copy(program, copy)
+        os.chmod(copy, 0o755)
+    return [*before, copy]
 
 
 class Keltop:
@@ -253,14 +281,6 @@ class Keltop:
             wine.set_data_location(self.data)
         self._started = []
 
-    def for_everybody(self):
-        """The program where another account can run it: the build may lie in a home folder."""
-        copy = os.path.join(self.folder, "keltop")
-        if not os.path.exists(copy):
-            shutil.copy(self.command[-1], copy)
-            os.chmod(copy, 0o755)
-        return copy
-
     def text_mode(self, output):
         """Undoes the line ends of the Windows run-time library's text mode."""
         return output.replace(b"\r\n", b"\n") if self.windows else output
@@ -270,7 +290,7 @@ class Keltop:
         with open(path, "rb") as file:
             return io.BytesIO(self.text_mode(file.read()))
 
-    def run(self, *switches, timeout=60, **options):
+    def run(self, *switches, timeout=3 * LONG, **options):
         """Runs the program to its end; standard input is empty unless given."""
         if "input" not in options:
             options.setdefault("stdin", subprocess.DEVNULL)
@@ -313,7 +333,7 @@ class Keltop:
         for running in self._started:
             if running.process.poll() is None:
                 running.process.kill()
-            running.process.wait()
+            running.wait_for_end()
             for stream in (running.process.stdout, running.process.stderr):
                 if stream:
                     stream.close()
@@ -343,21 +363,32 @@ class Conversation:
     def __init__(self, command, **options):
         self._command = command
         self._answered = False
+        self._told = "to start"
+        self._came = b""  # what no answer has been made of yet
         self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, **options)
 
     def tell(self, *words):
         """Sends a line without waiting for its answer."""
+        self._told = " ".join(map(str, words))
         try:
-            self.process.stdin.write((" ".join(map(str, words)) + "\n").encode())
+            self.process.stdin.write((self._told + "\n").encode())
             self.process.stdin.flush()
         except BrokenPipeError:
             self._check_start()
             raise
 
-    def answer(self):
+    def answer(self, timeout=2 * LONG):
         """The next answer, as text; empty when the process has ended."""
-        line = self.process.stdout.readline()
-        if not line:
+        deadline = time.monotonic() + timeout
+        while b"\n" not in self._came:
+            if not select.select([self.process.stdout], [], [], max(0, deadline - time.monotonic()))[0]:
+                raise AssertionError(f"{self._command} told {self._told[:200]!r}: no answer within {timeout} s")
+            piece = os.read(self.process.stdout.fileno(), 1 << 16)
+            if not piece:
+                break
+            self._came += piece
+        line, end, self._came = self._came.partition(b"\n")
+        if not end:
             self._check_start()
         self._answered = True
         return line.decode().strip()

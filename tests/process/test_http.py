@@ -4,22 +4,21 @@ import base64
 import contextlib
 import datetime
 import email.utils
-import fcntl
 import http.client
 import os
 import random
 import re
 import signal
 import socket
-import struct
 import subprocess
-import termios
 import threading
 import time
 
 import pytest
 
-from conftest import LONG, eventually, free_port, is_listening, port_in_use
+from conftest import (LONG, SLOWNESS, WORKERS, eventually, free_port, is_listening, listening_on, port_in_use,
+                      unread_bytes, windows_cannot)
+from peers import reset
 
 DATE = rb"(?:Mon|Tue|Wed|Thu|Fri|Sat|Sun), \d\d [A-Z][a-z]{2} \d{4} \d\d:\d\d:\d\d GMT"
 TRACE_ECHO = re.compile(rb"LOG1067 [^\n]*\n")  # a trace line may come between any two lines of the console
@@ -27,20 +26,13 @@ BAD_REQUEST = b"HTTP/1.1 400 Bad Request\r\nConnection: Close\r\n\r\n"
 SERVER_ERROR = b"HTTP/1.1 500 Internal Server Error\r\nConnection: Close\r\n\r\n"
 NO_ANSWER = b""
 CONTINUE = b"HTTP/1.1 100 Continue\r\n\r\n"
-WORKERS = 16  # requests that are handled at a time
-PROMPT = 5.0  # seconds: far above what ending takes, far below any time-out of the network
+PROMPT = 5.0 * SLOWNESS  # seconds: far above what ending takes, far below any time-out of the network
 
-posix_streams = pytest.mark.skipif("config.getoption('--keltop').endswith('.exe')",
-                                   reason="closed, full and broken standard streams are different things there")
-posix_processes = pytest.mark.skipif("config.getoption('--keltop').endswith('.exe')",
-                                     reason="its processor time is not that of one Linux process")
+posix_streams = windows_cannot("closed, full and broken standard streams are different things there")
+posix_processes = windows_cannot("its processor time is not that of one Linux process")
 
 
 # What the server prints and answers
-
-
-def announcement(port):
-    return b"Press Ctrl-C to stop.\nListening on: %d\r\n\n" % port
 
 
 def transcript(client, server, date, line, headers=b"", body=b"", path=b"/", query=b""):
@@ -97,11 +89,6 @@ def read_to_end(client):
     return bytes(answer)
 
 
-def reset(client):
-    client.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-    client.close()
-
-
 class Server:
     """A listening program and what its console has shown that no test has looked at yet."""
 
@@ -109,7 +96,7 @@ class Server:
         self.running = running
         self.port = port
         self._seen = 0
-        self.expect(announcement(port))
+        self.expect(listening_on(port))
 
     @property
     def console(self):
@@ -162,7 +149,7 @@ def test_a_whole_run(keltop):
     date = date_of(answer, b"127.0.0.1:%d" % server.port)
     assert begin <= email.utils.parsedate_to_datetime(date.decode()) <= datetime.datetime.now(datetime.timezone.utc)
     assert server.running.interrupt() == 0
-    assert console_text(server.running.output) == announcement(server.port) + (
+    assert console_text(server.running.output) == listening_on(server.port) + (
         b"Connected:\n"
         b"  Client: " + client + b"\n"
         b"  Server: " + local + b"\n"
@@ -415,7 +402,7 @@ def test_a_body_of_200_megabytes_is_shown_whole(keltop, through):
         assert process.wait(LONG) == 0
     with open(path, "rb") as console:
         shown = keltop.text_mode(console.read())
-    same = console_text(shown) == announcement(port) + transcript(
+    same = console_text(shown) == listening_on(port) + transcript(
         *ends, date, b"POST /big HTTP/1.1", b"Content-Length: %d\n" % length, block * blocks + b"\n", path=b"/big")
     assert same  # not in one expression: nobody wants to see the difference
 
@@ -963,16 +950,11 @@ def test_a_console_that_nobody_reads_does_not_hold_up_ctrl_c(keltop):
         while b"Listening on: " not in shown:  # what the main thread has to say: it must not be held up itself
             shown += os.read(out, 4096)
         client.sendall(post(b"x" * 1_000_000))  # which is more than the pipe holds
-        eventually(lambda: held_by(out) >= 32_768, what="a pipe that fills")
+        eventually(lambda: unread_bytes(out) >= 32_768, what="a pipe that fills")
         begin = time.monotonic()
         assert ended_by_ctrl_c(process) == 0
         print(f"ended in {time.monotonic() - begin:.3f} s")
         os.close(out)
-
-
-def held_by(pipe):
-    """How many bytes wait in a pipe."""
-    return struct.unpack("i", fcntl.ioctl(pipe, termios.FIONREAD, bytes(4)))[0]
 
 
 @posix_processes

@@ -1,16 +1,16 @@
 """Machine-wide objects, used by real processes."""
 
+import fcntl
 import glob
 import os
 import random
-import shutil
 import struct
 import threading
 import time
 
 import pytest
 
-from conftest import AS_NOBODY, as_root, eventually
+from conftest import AS_NOBODY, as_root, eventually, for_everybody
 
 OBJECT, ABANDONED, TIMEOUT, FAILED = 0, 128, 258, 0xFFFFFFFF
 NONE, NOT_FOUND, DENIED, BAD_HANDLE, BAD_DATA, EXISTS = 0, 2, 5, 6, 13, 183
@@ -500,12 +500,11 @@ def test_something_else_under_the_name_is_an_error(agents, make):
 @linux_files
 def test_a_stopped_holder_of_the_lock_makes_no_one_hang(agents):
     """Some process keeps the bytes locked that are meant to be locked for an instant."""
-    import fcntl
     one = agents.start()
     handle, _ = one.obtain("create-semaphore", "S", 1, 3)
     with open(the_file(agents), "r+b") as file:
         lock = struct.pack("hhqqi", fcntl.F_WRLCK, os.SEEK_SET, 4096, 1, 0)
-        fcntl.fcntl(file, 37, lock)  # F_OFD_SETLK
+        fcntl.fcntl(file, fcntl.F_OFD_SETLK, lock)
         assert one.wait(handle, 0) == FAILED
         assert one.obtain("create-semaphore", "S", 1, 3) == ("0", 170)
     assert one.wait(handle, 0) == OBJECT
@@ -516,6 +515,7 @@ def test_a_stopped_holder_of_the_lock_makes_no_one_hang(agents):
 def test_a_file_that_others_may_not_open_denies_access(agents):
     with open(os.path.join(agents.folder, "keltop.Global%5CM"), "wb") as file:
         os.fchmod(file.fileno(), 0o600)
+    agents.command = for_everybody(agents.command, agents.folder)
     other = agents.start(**AS_NOBODY)
     assert other.obtain("create-mutex", "M") == ("0", DENIED)
     assert other.ask("exclusive-mutex", "M") == "0"
@@ -528,7 +528,7 @@ def test_a_file_that_others_may_not_open_denies_access(agents):
 @as_root
 def test_an_object_is_for_every_account(agents):
     """Either account creates, the other opens, sets and waits, whatever the umask; the folder is sticky."""
-    agents.command = nobody_can_run(agents)
+    agents.command = for_everybody(agents.command, agents.folder)
     for first, second in (({}, AS_NOBODY), (AS_NOBODY, {})):
         one, two = agents.start(umask=0o077, **first), agents.start(umask=0o077, **second)
         event, error = one.obtain("create-event", "E")
@@ -551,7 +551,7 @@ def test_an_object_is_for_every_account(agents):
 @linux_files
 @as_root
 def test_what_another_account_left_behind_is_taken_over(agents):
-    agents.command = nobody_can_run(agents)
+    agents.command = for_everybody(agents.command, agents.folder)
     for first, second in (({}, AS_NOBODY), (AS_NOBODY, {})):
         one, two = agents.start(**first), agents.start(**second)
         event, _ = one.obtain("create-event", "E")
@@ -568,7 +568,7 @@ def test_what_another_account_left_behind_is_taken_over(agents):
 @as_root
 def test_an_owned_mutex_without_any_handle_is_gone_from_a_file_that_stays(agents):
     """The file is another account's, so closing the last handle cannot remove it."""
-    agents.command = nobody_can_run(agents)
+    agents.command = for_everybody(agents.command, agents.folder)
     leave_behind(agents, "create-mutex", "M")
     one, two = agents.start(**AS_NOBODY), agents.start(**AS_NOBODY)
     first, error = one.obtain("create-mutex", "M")
@@ -582,7 +582,7 @@ def test_an_owned_mutex_without_any_handle_is_gone_from_a_file_that_stays(agents
 @as_root
 def test_an_owned_mutex_made_again_in_a_file_that_stays_is_free(agents):
     """Its owner had closed its own handle, the last other holder was killed, and the file is another account's."""
-    agents.command = nobody_can_run(agents)
+    agents.command = for_everybody(agents.command, agents.folder)
     leave_behind(agents, "create-mutex", "M")
     one, two = agents.start(**AS_NOBODY), agents.start(**AS_NOBODY)
     owned, _ = one.obtain("create-mutex", "M")
@@ -593,12 +593,3 @@ def test_an_owned_mutex_made_again_in_a_file_that_stays_is_free(agents):
     again, error = one.obtain("create-mutex", "M")
     assert error == NONE
     assert one.ask("wait-in-thread", again) == str(OBJECT)
-
-
-def nobody_can_run(agents):
-    """The agent where another account can reach it: the build may lie in a home folder."""
-    copy = os.path.join(agents.folder, "agent")
-    if not os.path.exists(copy):
-        shutil.copy(agents.command[-1], copy)
-        os.chmod(copy, 0o755)
-    return [copy]

@@ -3,32 +3,29 @@
 import re
 
 from conftest import eventually
-from peers import exchange_of, masked
+from peers import JSON_BODY, exchange_of, masked
 
-BODY = (b'{\n  "room_status": {\n    "room": {\n      "attempt": 1,\n      "code": 1,\n      "date": "DATE",\n'
-        b'      "description": "Coffee",\n      "room": "7101",\n      "time": "TIME",\n      "user": {\n'
-        b'        "fname": "Orvin",\n        "id": 1000,\n        "lname": "Talbeck"\n      }\n    }\n  }\n}')
 HEAD = b"Date: DATE-TIME\r\nUser-Agent: Vantrel/8.0.26 RSI/201\r\nContent-Length: 285\r\nContent-Type: application/json\r\n"
 
 
 def test_http(keltop):
     listener, port = keltop.listen()
     console = masked(exchange_of(keltop.run("-rsi", "json", "-url", f"http://127.0.0.1:{port}/rsi?x=1")))
-    request = b"Sending request\nPOST /rsi/ HTTP/1.1\r\n" + HEAD + b"\r\n" + BODY
+    request = b"Sending request\nPOST /rsi/ HTTP/1.1\r\n" + HEAD + b"\r\n" + JSON_BODY
     assert console.startswith(request + b"\r\nReceived response\nHTTP/1.1 OK 200\r\n")
     assert console.endswith(b"\r\nLocation: 127.0.0.1:%d\r\n\r\n\r\n" % port)
     listener.wait_for(b"\r\n\r\n\n")
     assert listener.interrupt() == 0
     shown = masked(listener.output)
     assert b"\n  Path: /rsi/\n  Query: \n\r\nRequest:\nPOST /rsi/ HTTP/1.1\n" in shown
-    assert HEAD.replace(b"\r\n", b"\n") in shown and b"\n\n" + BODY + b"\n" in shown
+    assert HEAD.replace(b"\r\n", b"\n") in shown and b"\n\n" + JSON_BODY + b"\n" in shown
 
 
 def test_raw(keltop):
     listener, port = keltop.listen("-raw")
     console = exchange_of(keltop.run("-rsi", "json", "-raw", "-url", f"http://127.0.0.1:{port}/rsi"))
     request = (b"POST /rsi HTTP/1:1\r\nContent-Type: application/json\r\nAgent: Vantrel/8.0.26 RSI/201\r\n"
-               b"Content-Length: 285\r\n\r\n" + BODY)
+               b"Content-Length: 285\r\n\r\n" + JSON_BODY)
     assert masked(console) == (b"Post(1025) 127.0.0.1 %d\nPosting:\r\n" % port + request +
                                b"\nPost(1103) Timeout: Timeout\n")
     listener.wait_for(b"\r\nDisconnect from ")

@@ -11,8 +11,8 @@ import time
 
 import pytest
 
-from conftest import STOP_LINE, windows_cannot, without_trace
-from peers import Peer, answering, exchange_of, masked, read_request, reset
+from conftest import LONG, STOP_LINE, windows_cannot, without_trace
+from peers import JSON_BODY, Peer, answering, exchange_of, masked, read_request, reset
 
 OK = b"HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nhi"
 
@@ -111,9 +111,7 @@ def test_transcript_with_a_server_of_the_standard_library(keltop):
         b'Content-Length: 285\r\n'
         b'Content-Type: application/json\r\n'
         b'\r\n'
-        b'{\n  "room_status": {\n    "room": {\n      "attempt": 1,\n      "code": 1,\n      "date": "DATE",\n'
-        b'      "description": "Coffee",\n      "room": "7101",\n      "time": "TIME",\n      "user": {\n'
-        b'        "fname": "Orvin",\n        "id": 1000,\n        "lname": "Talbeck"\n      }\n    }\n  }\n}'
+        + JSON_BODY +
         b'\r\nReceived response\n'
         b'HTTP/1.1 Out of coffee 500\r\nX-One: 1\r\nContent-Length: 5\r\n\r\nbody\n\r\n')
 
@@ -158,7 +156,7 @@ def test_the_request_is_on_the_console_before_the_answer_comes(keltop):
 
     def serve(peer, connection):
         peer.request = read_request(connection)
-        assert shown.wait(60)
+        assert shown.wait(LONG)
         connection.sendall(OK)
 
     with Peer(serve) as peer:

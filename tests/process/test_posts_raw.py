@@ -179,7 +179,7 @@ def test_reset_while_receiving(keltop):
 
 def in_a_network_of_its_own(how, *command, **options):
     namespaces = ["--net"] if os.geteuid() == 0 else ["--map-root-user", "--net"]
-    return subprocess.run(["unshare", *namespaces, sys.executable, LOST_NETWORK, how, *command], timeout=60,
+    return subprocess.run(["unshare", *namespaces, sys.executable, LOST_NETWORK, how, *command], timeout=3 * LONG,
                           stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, **options)
 
 

@@ -5,23 +5,20 @@ import fcntl
 import os
 import signal
 import socket
-import struct
 import subprocess
-import termios
 import threading
 import time
 
 import pytest
 
-from conftest import AS_NOBODY, HEAD, as_root, eventually, is_listening, listening_on, without_trace
+from conftest import (AS_NOBODY, HEAD, LONG, SLOWNESS, WORKERS, as_root, eventually, for_everybody, is_listening,
+                      listening_on, unread_bytes, windows_cannot, without_trace)
 from peers import Peer, read_request
 
-pytestmark = pytest.mark.skipif("config.getoption('--keltop').endswith('.exe')",
-                                reason="a Wine process gets no signals, and its shutdown event is everybody's")
+pytestmark = windows_cannot("a Wine process gets no signals, and its shutdown event is everybody's")
 
-BOUND = 5.0  # seconds that an end may take on a busy machine; it is meant to take less than one
+BOUND = 5.0 * SLOWNESS  # seconds that an end may take on a busy machine; it is meant to take less than one
 OBSERVED = 0.3  # seconds for which something is watched not to happen
-WORKERS = 16  # connections that are served at the same time
 OBJECT, TIMEOUT = 0, 258
 RAW, HTTP = ["-raw"], []
 MODES = pytest.mark.parametrize("mode", [HTTP, RAW], ids=["http", "raw"])
@@ -35,7 +32,7 @@ def peers(port, count, sent=b"", receive_buffer=None):
             peer = stack.enter_context(socket.socket())
             if receive_buffer:
                 peer.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
-            peer.settimeout(20)
+            peer.settimeout(LONG)
             peer.connect(("127.0.0.1", port))
             peer.sendall(sent)
             made.append(peer)
@@ -99,7 +96,7 @@ def a_raw_peer_that_never_stops_sending(_, raw):
         sender.start()
         running.wait_for_size(100_000)
         yield
-        sender.join(20)
+        sender.join(LONG)
         assert not sender.is_alive()
 
 
@@ -156,13 +153,13 @@ def members(session):
 
 def wait_for_all(listeners):
     """Waits for the end of all; gives their exit codes."""
-    deadline = time.monotonic() + 20
+    deadline = time.monotonic() + LONG
     return [running.wait(deadline - time.monotonic()) for running, _ in listeners]
 
 
 def shows_and_answers(running, port, mode):
     """Whether the listener does its work."""
-    with socket.create_connection(("127.0.0.1", port), 20) as peer:
+    with socket.create_connection(("127.0.0.1", port), LONG) as peer:
         if mode == RAW:
             running.wait_for(b"\r\nConnect from 127.0.0.1:%d\n" % peer.getsockname()[1])
             return True
@@ -236,7 +233,7 @@ def test_ctrl_c_and_window_closed_together(keltop, mode):
 @as_root
 def test_listeners_of_other_accounts_end_too(keltop):
     os.chmod(keltop.objects, 0o1777)
-    keltop.command = [keltop.for_everybody()]
+    keltop.command = for_everybody(keltop.command, keltop.folder)
     for first, second in (({}, AS_NOBODY), (AS_NOBODY, {})):
         listeners = [keltop.listen(**first), keltop.listen(*RAW, **second)]
         listeners[1][0].send_signal(signal.SIGINT)
@@ -367,7 +364,7 @@ def test_a_start_while_the_event_is_set_ends_at_once(keltop, neighbours, mode):
     event = Event(neighbours)
     assert first.interrupt() == 0
     begin = time.monotonic()
-    done = keltop.run("-p", str(port), *mode, timeout=20)
+    done = keltop.run("-p", str(port), *mode, timeout=LONG)
     print(f"start and end while the event is set: {(time.monotonic() - begin) * 1000:.0f} ms")
     assert (without_trace(done.stdout), done.returncode) == (HEAD + listening_on(port), 0)
     assert not is_listening(port)
@@ -397,12 +394,12 @@ def test_ctrl_c_during_a_post_ends_every_listener_and_not_the_post(keltop, neigh
     def serve(peer, connection):
         peer.request = read_request(connection)
         asked.set()
-        assert released.wait(20)
+        assert released.wait(LONG)
         connection.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nlate")
 
     with Peer(serve) as peer:
         posting = keltop.start("-rsi", "json", "-url", f"http://127.0.0.1:{peer.port}/")
-        assert asked.wait(20)
+        assert asked.wait(LONG)
         posting.send_signal(signal.SIGINT)
         assert listener.wait() == 0
         assert not is_listening(port)
@@ -448,7 +445,7 @@ def test_the_help_has_no_event_and_ctrl_c_ends_it(keltop, neighbours):
 def test_a_blocked_output_does_not_keep_it(keltop, neighbours, mode, trigger):
     unread, output = os.pipe()
     try:
-        size = fcntl.fcntl(output, 1031, 1 << 14)  # F_SETPIPE_SZ
+        size = fcntl.fcntl(output, fcntl.F_SETPIPE_SZ, 1 << 14)
         running, port = keltop.listen(*mode, stdout=output, start_new_session=True)
         event = Event(neighbours)
         sent = b"x" * 2 * size
@@ -464,7 +461,3 @@ def test_a_blocked_output_does_not_keep_it(keltop, neighbours, mode, trigger):
     finally:
         os.close(output)
         os.close(unread)
-
-
-def unread_bytes(pipe):
-    return struct.unpack("i", fcntl.ioctl(pipe, termios.FIONREAD, bytes(4)))[0]

@@ -1,11 +1,9 @@
 """Trace files, written by real processes."""
 
-import datetime
 import os
 import random
 import re
 import shlex
-import signal
 import socket
 import subprocess
 import tempfile
@@ -15,7 +13,7 @@ import time
 import pytest
 
 from conftest import (AS_NOBODY, Agents, Conversation, ECHOED_BANNER, ECHOED_STOP, LONG, START_BANNER, TIME_STAMP,
-                      as_root, eventually, free_port, without_trace)
+                      as_root, eventually, for_everybody, without_trace)
 
 FULL = 50_000_000
 
@@ -74,8 +72,9 @@ def trace_agent(request, keltop):
     started = []
     command = shlex.split(request.config.getoption("--trace-agent"))
 
-    def start(*words, prefix=(), **options):
-        started.append(TraceAgent(keltop, [*prefix, *command], *words, **options))
+    def start(*words, prefix=(), everybody=False, **options):
+        reached = for_everybody(command, keltop.folder) if everybody else command
+        started.append(TraceAgent(keltop, [*prefix, *reached], *words, **options))
         return started[-1]
 
     yield start
@@ -198,7 +197,10 @@ def test_an_idle_listener_does_not_wake_its_writer_and_has_no_message_threads(ke
     running, _ = keltop.listen()
     wait_for_an_idle_writer(keltop, running)
     tasks = f"/proc/{running.process.pid}/task"
-    names = [open(f"{tasks}/{task}/comm", encoding="ascii").read() for task in os.listdir(tasks)]
+    names = []
+    for task in os.listdir(tasks):
+        with open(f"{tasks}/{task}/comm", encoding="ascii") as file:
+            names.append(file.read())
     assert not [name for name in names if name.startswith("ZMQ")]
 
 
@@ -252,7 +254,7 @@ def test_a_deleted_file_is_made_anew(keltop, trace_agent):
 def test_a_read_only_folder_is_waited_out(keltop, trace_agent):
     folder = os.path.dirname(live_path(keltop))
     os.chmod(keltop.objects, 0o777)
-    agent = trace_agent("steps", **AS_NOBODY)
+    agent = trace_agent("steps", everybody=True, **AS_NOBODY)
     agent.write("lost")
     assert os.listdir(folder) == []
     os.chmod(folder, 0o777)
@@ -326,7 +328,7 @@ def test_the_machines_settings_name_the_folder(keltop, settings, place):
 
 class Copies:
     """Takes every rotated copy away as soon as it appears, so that none is deleted, and reads it when it is surely
-    complete."""
+    complete; at the end of a block that went well, all of them."""
 
     BEHIND = 3  # one may be in the making, and one that a dead process left unfinished may be found together with it
 
@@ -339,10 +341,22 @@ class Copies:
         self._errors = []
         self._ending = threading.Event()
         os.mkdir(self._away)
-        self._threads = [threading.Thread(target=self._repeat, args=(action,))
+        self._threads = [threading.Thread(target=self._repeat, args=(action,), daemon=True)
                          for action in (self._take, lambda: self._read_up_to(self.taken - self.BEHIND))]
+
+    def __enter__(self):
         for thread in self._threads:
             thread.start()
+        return self
+
+    def __exit__(self, kind, *_):
+        self._ending.set()
+        for thread in self._threads:
+            thread.join()
+        if kind is None:
+            assert not self._errors, self._errors
+            self._take()
+            self._read_up_to(self.taken)
 
     def _repeat(self, action):
         try:
@@ -365,14 +379,6 @@ class Copies:
                 self._check(file.read())
             os.remove(path)
             self._read += 1
-
-    def finish(self):
-        self._ending.set()
-        for thread in self._threads:
-            thread.join()
-        assert not self._errors, self._errors
-        self._take()
-        self._read_up_to(self.taken)
 
 
 def start(agents):
@@ -418,13 +424,12 @@ def test_two_processes_write_and_rotate_one_file_without_losing_a_line(keltop, t
                 seen[line[1]].add(line[2])
         assert end == len(content), "a line that is not whole"
 
-    copies = Copies(keltop, check)
-    agents = [trace_agent("flood", tag, "1900") for tag in "AB"]
-    start(agents)
-    time.sleep(seconds)
-    eventually(lambda: copies.taken >= 2, what="the second rotation")
-    written = stop(agents)
-    copies.finish()
+    with Copies(keltop, check) as copies:
+        agents = [trace_agent("flood", tag, "1900") for tag in "AB"]
+        start(agents)
+        time.sleep(seconds)
+        eventually(lambda: copies.taken >= 2, what="the second rotation")
+        written = stop(agents)
     check(live(keltop))
     for tag, count in zip((b"A", b"B"), written):
         assert len(seen[tag]) == count
@@ -457,20 +462,21 @@ def test_a_killed_writer_changes_nothing_for_the_other(keltop, trace_agent, fast
         # A line of the victim may be torn by its death, and then stands in front of one of the survivor's.
         numbers.extend(int(number) for number in re.findall(rb" A:(\d+):x*\r\n", content))
 
-    copies = Copies(keltop, check)
-    survivor = trace_agent("flood", "A", "1900")
-    start([survivor])
-    deaths = 0
-    end = time.monotonic() + seconds
-    while time.monotonic() < end or deaths < 3:
-        victim = trace_agent("flood", "B", "1900")
-        start([victim])
-        time.sleep(dice.uniform(0, 0.1))  # the random moment
-        victim.process.kill()
-        victim.process.wait()
-        deaths += 1
-    written, = stop([survivor])
-    copies.finish()
+    with Copies(keltop, check) as copies:
+        survivor = trace_agent("flood", "A", "1900")
+        start([survivor])
+        deaths = 0
+        begin = time.monotonic()
+        while (time.monotonic() < begin + seconds or deaths < 3
+               or (copies.taken < 2 and time.monotonic() < begin + seconds + LONG)):
+            victim = trace_agent("flood", "B", "1900")
+            start([victim])
+            time.sleep(dice.uniform(0, 0.1))  # the random moment
+            victim.process.kill()
+            victim.process.wait()
+            deaths += 1
+        assert copies.taken >= 2, "no rotation beside the deaths"
+        written, = stop([survivor])
     check(live(keltop))
     # Who dies between the copy and the truncation leaves the lines in both files.
     missing = sorted(set(range(written)) - set(numbers))
@@ -530,7 +536,7 @@ def test_a_turn_that_nobody_gives_up_does_not_keep_a_listener(keltop, neighbours
 def test_static_objects_may_trace_before_and_after_the_controller(keltop, request, stop):
     command = shlex.split(request.config.getoption("--trace-agent"))
     command[-1] = command[-1].replace("keltop_trace_agent", "keltop_trace_order")
-    done = subprocess.run([*command, *stop], env=keltop.env, timeout=60, capture_output=True, check=False)
+    done = subprocess.run([*command, *stop], env=keltop.env, timeout=3 * LONG, capture_output=True, check=False)
     assert (done.returncode, done.stderr) == (0, b"")
     expected = [b"File opened", b"made early", b"made in main"]
     assert texts(live(keltop))[:3] == expected
@@ -543,7 +549,7 @@ def test_the_exit_stops_the_trace_before_static_objects_end(keltop, request):
     """Not the controller's own end, which comes after theirs: what they trace is too late."""
     command = shlex.split(request.config.getoption("--trace-agent"))
     command[-1] = command[-1].replace("keltop_trace_agent", "keltop_trace_order")
-    done = subprocess.run([*command, "run", "-h"], env=keltop.env, timeout=60, capture_output=True, check=False)
+    done = subprocess.run([*command, "run", "-h"], env=keltop.env, timeout=3 * LONG, capture_output=True, check=False)
     assert (done.returncode, done.stderr) == (0, b"")
     found = texts(live(keltop))
     assert found[:2] == [b"File opened", b"made early"]
@@ -557,7 +563,7 @@ def test_every_account_writes_to_the_same_file(keltop):
     """Whoever comes first, whatever the umask; the folder is sticky, as the installation makes it."""
     folder = os.path.join(keltop.data, "TRACELOGS")
     os.chmod(folder, 0o1777)
-    keltop.command = [keltop.for_everybody()]
+    keltop.command = for_everybody(keltop.command, keltop.folder)
     for first, second in (({}, AS_NOBODY), (AS_NOBODY, {})):
         assert keltop.run("-h", umask=0o077, **first).returncode == 0
         assert keltop.run("-h", umask=0o077, **second).returncode == 0

@@ -6,7 +6,6 @@ import socket
 import threading
 import time
 
-from alphabet import piece
 from conftest import LONG
 from peers import reset
 from test_http import MALFORMED, NO_ANSWER, address, connect, date_of, read_to_end, send
@@ -14,6 +13,7 @@ from test_http import MALFORMED, NO_ANSWER, address, connect, date_of, read_to_e
 REST = 0.02  # seconds between two connections of a client that hurries
 LARGEST_BODY = 20_000
 LARGEST_PIECE = 100_000
+ANOTHER = "another's"  # connections that the next process took: not its business
 SMALL = 20_000  # malformed requests up to this size take part
 
 
@@ -57,6 +57,7 @@ class Client(threading.Thread):
                     self.pause(REST)
                 else:
                     self.converse(life)
+                    self.count.add(type(self).__name__)
         except Exception as failure:  # told at the end, by another thread
             self.count.complain(f"{self.name}: {failure!r}")
 
@@ -81,17 +82,18 @@ class Asking(Client):
         """One request; gives whether it was answered, and counts it."""
         answer = b""
         failure = None
+        self.count.add("begun")
         try:
             with connect(self.listener.port) as client:
                 if self.listener.life is not life:
-                    return False  # the connection is another process's
+                    self.count.add(ANOTHER)
+                    return False
                 server = address(client.getpeername())
                 push(client, request)
                 answer = read_to_end(client)
         except OSError as error:
             failure = error
         answered = bool(answer) and is_answer(answer, server)
-        self.count.add("deserving")
         if answered:
             self.count.add("answered")
         else:
@@ -112,6 +114,8 @@ class WellBehaved(Asking):
         target = b"/%d/%d" % (self.number, self._requests)
         if self.exchange(life, self._request(life, target), self._is_answer, self.push):
             life.answered.add((self.number, self._requests))
+            if self._sender is not None:
+                life.under_way[self._sender] = 0
         self.pause(REST)
 
     def push(self, client, request):
@@ -125,8 +129,7 @@ class WellBehaved(Asking):
             # Of unknown length, and not shown.
             return b"POST %b HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n0\r\n\r\n" % target
         length = self.dice.randrange(1, LARGEST_BODY)
-        body = piece(self._sender, life.sent[self._sender], length)
-        life.sent[self._sender] += length
+        body = life.next_piece(self._sender, length)
         return b"PUT %b HTTP/1.1\r\nContent-Length: %d\r\n\r\n" % (target, length) + body
 
     @staticmethod
@@ -202,34 +205,42 @@ class Resetting(Client):
 
 
 class RawPeer(Client):
-    """Sends pieces that are to be seen at once and in order, then closes or, when all was seen, resets."""
+    """Sends pieces that are to be seen at once and in order, then closes or, when all was seen, resets. Its connection
+    is to be seen too."""
 
     def __init__(self, *arguments, sender):
         super().__init__(*arguments)
         self._sender = sender
 
     def converse(self, life):
-        try:
-            client = socket.create_connection(("127.0.0.1", self.listener.port), LONG)
-        except OSError as failure:
-            self.failed(life, f"no connection: {failure}")
-            return
-        with contextlib.closing(client):
+        self.count.add("begun")
+        with socket.socket() as client:
+            client.settimeout(LONG)
+            client.bind(("127.0.0.1", 0))
+            port = client.getsockname()[1]
+            seen = life.connected[port]  # connections from this port before
+            try:
+                client.connect(("127.0.0.1", self.listener.port))
+            except OSError as failure:
+                self.failed(life, f"no connection: {failure}")
+                return
             if self.listener.life is not life:
-                return  # the connection is another process's
-            self.count.add("peers")
+                self.count.add(ANOTHER)
+                return
             for _ in range(self.dice.randrange(1, 6)):
                 if not self._send(life, client):
                     return
+            if not life.wait_until(lambda: life.connected[port] == seen + 1):
+                self.failed(life, f"{life.connected[port] - seen} connections shown from port {port}")
+                return
+            self.count.add("answered")
             if self.dice.randrange(4) == 0:
                 reset(client)
         self.pause(REST)
 
     def _send(self, life, client):
         length = self.dice.choice([1, 100, self.dice.randrange(1, LARGEST_PIECE)])
-        data = piece(self._sender, life.sent[self._sender], length)
-        life.sent[self._sender] += length
-        self.count.add("bytes", length)
+        data = life.next_piece(self._sender, length)
         try:
             client.sendall(data)
         except OSError as failure:
@@ -239,4 +250,5 @@ class RawPeer(Client):
         if not life.wait_until(lambda: life.tally.shown[self._sender] >= wanted):
             self.failed(life, f"{life.tally.shown[self._sender]} of {wanted} bytes shown")
             return False
+        life.under_way[self._sender] = 0
         return True

@@ -1,5 +1,6 @@
 """Listeners under load: each life of one is accounted for from its first byte on the console to its last."""
 
+import collections
 import os
 import re
 import signal
@@ -7,11 +8,11 @@ import socket
 import threading
 import time
 
-from alphabet import SENDERS, Tally, plain
+from alphabet import SENDERS, Tally, piece, plain
 from conftest import LONG, eventually
 
 PATH = re.compile(rb"  Path: /(\d+)/(\d+)\n")
-CONNECT = b"\r\nConnect from "
+CONNECT = re.compile(rb"\r\nConnect from 127\.0\.0\.1:(\d+)\n")
 ENDS = (b"\r\nDisconnect from ", b"\r\nClosing connection to ")
 LONGEST_TEXT = 200  # bytes of a line that is looked for
 
@@ -37,11 +38,13 @@ class Life:
         self.killed_at = None
         self.tally = Tally()
         self.sent = [0] * SENDERS  # bytes of each sender, which alone adds to its number
+        self.under_way = [0] * SENDERS  # the last bytes of them that have neither been shown nor answered yet
         self.answered = set()  # requests, as (client, number)
         self.shown = set()
         self.shown_twice = 0
-        self.connects = 0
+        self.connected = collections.Counter()  # how often each port of a peer was shown
         self.ends = 0
+        self.complaint = b""  # what it said on its standard error
         self._looked = b""
         self._changed = threading.Condition()
         end, beginning = os.pipe()
@@ -53,6 +56,17 @@ class Life:
     @property
     def pid(self):
         return self.running.process.pid
+
+    @property
+    def connects(self):
+        return self.connected.total()
+
+    def next_piece(self, sender, length):
+        """What a sender sends next."""
+        data = piece(sender, self.sent[sender], length)
+        self.sent[sender] += length
+        self.under_way[sender] = length
+        return data
 
     def _read(self, end):
         with os.fdopen(end, "rb", buffering=0) as console:
@@ -70,7 +84,7 @@ class Life:
                 request = int(found[1]), int(found[2])
                 self.shown_twice += request in self.shown
                 self.shown.add(request)
-        self.connects += self._new(CONNECT, looked, known)
+        self.connected.update(int(found[1]) for found in CONNECT.finditer(looked) if found.end() > known)
         self.ends += sum(self._new(text, looked, known) for text in ENDS)
         self._looked = looked[-LONGEST_TEXT:]
 
@@ -100,6 +114,8 @@ class Life:
 
     def wait(self):
         code = self.running.wait()
+        with self.running.process.stderr as stream:
+            self.complaint = stream.read()
         self._reader.join(LONG)
         assert not self._reader.is_alive(), "somebody else holds the console"
         return code
@@ -130,6 +146,10 @@ class Listener:
     def life(self):
         """The process that listens, or nothing while there is none."""
         return self._current
+
+    @property
+    def kills(self):
+        return sum(life.killed_at is not None for life in self.lives)
 
     def kill(self):
         life, self._current = self._current, None

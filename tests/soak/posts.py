@@ -50,11 +50,12 @@ class Posts(Client):
     def run(self):
         while not self._stop_asked.is_set():
             self.converse(None)
+            self.count.add(type(self).__name__)
             self.pause(0.5)
 
     def converse(self, life):
         post, protocol, (scheme, switches, serve) = next(self._kinds)
-        self.count.add("deserving")
+        self.count.add("begun")
         try:
             with Peer(serve) as peer:
                 url = f"{scheme}://127.0.0.1:{peer.port}/soak"

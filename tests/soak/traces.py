@@ -5,7 +5,7 @@ import re
 
 from conftest import START_BANNER, TIME_STAMP
 
-LINE = re.compile(rb"LOG1067 (\d{4,}) \d{4,} (?:" + TIME_STAMP + rb" (?:00000006 (?:([A-Z]\d*):(\d+):x+|("
+LINE = re.compile(rb"LOG1067 \d{4,} \d{4,} (?:" + TIME_STAMP + rb" (?:00000006 (?:([A-Z]\d*):(\d+):x+|("
                   + START_BANNER + rb"))|FFFFFFFF File opened)| 00000000 )\r\n")
 LENGTH = 1900
 PAUSE = 100  # milliseconds between two hundreds of lines: about 2 MB a second from each process
@@ -54,13 +54,13 @@ class Lines:
 
     def _count(self, line):
         self.lines += 1
-        self.banners += line[4] is not None
-        if line[2]:
-            number = int(line[3])
-            if number != self.next.get(line[2], 0):
+        self.banners += line[3] is not None
+        if line[1]:
+            number = int(line[2])
+            if number != self.next.get(line[1], 0):
                 self.disordered += 1
-                self.complaints.append(f"{line[2]!r}: {number} after {self.next.get(line[2], 0) - 1}")
-            self.next[line[2]] = number + 1
+                self.complaints.append(f"{line[1]!r}: {number} after {self.next.get(line[1], 0) - 1}")
+            self.next[line[1]] = number + 1
 
 
 def flood_words(tag):
