@@ -54,6 +54,10 @@ Options:
 """
 
 
+for number in (signal.SIGHUP, signal.SIGQUIT):  # a shell's job in the background ignores some, and so would its children
+    signal.signal(number, signal.SIG_DFL)
+
+
 def listening_on(port):
     """What a listener shows next; the number as it was asked for."""
     return b"Press Ctrl-C to stop.\nListening on: %d\r\n\n" % port
