@@ -11,15 +11,12 @@ std::uint32_t KernelObject::wait(std::uint32_t milliseconds) {
   if (result != kWaitTimeout || milliseconds == 0) {
     return result;
   }
-  WaitDeadline deadline;
-  if (milliseconds != kInfinite) {
-    deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
-  }
+  const WaitDeadline deadline = deadlineIn(milliseconds);
   const std::unique_ptr<Watch> changes = watch();
   for (;;) {
     // Looked at again with the watch in place, so that no change falls between the look and the wait.
     result = tryTake();
-    if (result != kWaitTimeout || (deadline && std::chrono::steady_clock::now() >= *deadline)) {
+    if (result != kWaitTimeout || hasPassed(deadline)) {
       return result;
     }
     changes->wait(guard, deadline);
@@ -27,10 +24,10 @@ std::uint32_t KernelObject::wait(std::uint32_t milliseconds) {
 }
 
 std::uint32_t KernelObject::tryTake() {
-  if (type_ == ObjectType::mutex) {
+  if (type() == ObjectType::mutex) {
     return tryOwn();
   }
-  const bool counts = type_ == ObjectType::semaphore;
+  const bool counts = type() == ObjectType::semaphore;
   if (counts && !beginChange()) {
     return kWaitFailed;
   }
