@@ -241,6 +241,42 @@ def test_listeners_of_other_accounts_end_too(keltop):
         assert wait_for_all(listeners) == [0, 0]
 
 
+# The event's file is removed
+
+
+def clean(keltop):
+    """As a login manager removes an account's files at its last logout."""
+    for name in os.listdir(keltop.objects):
+        os.unlink(os.path.join(keltop.objects, name))
+
+
+@pytest.mark.parametrize("trigger", [interrupt, close_window, set_event], ids=lambda trigger: trigger.__name__)
+@pytest.mark.parametrize("who", [0, 1], ids=["the first", "the second"])
+def test_listeners_end_together_whatever_became_of_the_events_file(keltop, neighbours, who, trigger):
+    listeners = [keltop.listen()]
+    clean(keltop)
+    listeners += [keltop.listen(*RAW), keltop.listen()]
+    if who == 1:
+        clean(keltop)
+        listeners.reverse()
+    with peers(listeners[1][1], 3, b"x"):
+        trigger(Event(neighbours), listeners)
+        assert wait_for_all(listeners) == [0] * 3
+
+
+@as_root
+def test_listeners_end_together_after_the_account_that_was_first_has_gone(keltop):
+    """The file belongs to whoever ran keltop first, even for one post, and goes with that account's last logout."""
+    os.chmod(keltop.objects, 0o1777)
+    keltop.command = for_everybody(keltop.command, keltop.folder)
+    keltop.run("-rsi", "json", **AS_NOBODY)
+    first = keltop.listen()
+    clean(keltop)
+    second = keltop.listen(*RAW, **AS_NOBODY)
+    second[0].send_signal(signal.SIGINT)
+    assert wait_for_all([first, second]) == [0, 0]
+
+
 # A terminal
 
 
