@@ -176,11 +176,13 @@ install_packages() (
 # The compiler cache: where its objects are follows CCACHE_DIR. Work trees share them: sources are named from the root.
 export CCACHE_BASEDIR=${CCACHE_BASEDIR:-$KELTOP_ROOT} CCACHE_NOHASHDIR=${CCACHE_NOHASHDIR:-1}
 
-# configure PRESET: with the compiler cache, where it is installed.
+# compiler_cache: the program that stands before the compiler; nothing where it is not installed.
+compiler_cache() {
+  echo "${CMAKE_CXX_COMPILER_LAUNCHER-$(command -v ccache || true)}"
+}
+
 configure() {
-  local cache
-  cache=$(command -v ccache || true)
-  (cd "$KELTOP_ROOT" && cmake --preset "$1" -DCMAKE_CXX_COMPILER_LAUNCHER="${CMAKE_CXX_COMPILER_LAUNCHER-$cache}")
+  (cd "$KELTOP_ROOT" && cmake --preset "$1" -DCMAKE_CXX_COMPILER_LAUNCHER="$(compiler_cache)")
 }
 
 # is_configured FOLDER: whether what the build was made from is unchanged, and the compiler cache that it uses still there.
