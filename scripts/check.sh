@@ -2,7 +2,7 @@
 # Checks the source: format, lint, the second compiler, the Windows sources. A finding of cppcheck that is none is marked
 # in the source, with the reason; that of unused members is off, since it sees no use through an iterator.
 set -euo pipefail
-source "$(dirname "${BASH_SOURCE[0]}")/setup.sh"
+source "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/setup.sh"
 
 need "${KELTOP_BUILD_PACKAGES[@]}" "${KELTOP_CHECK_PACKAGES[@]}"
 cd "$KELTOP_ROOT"
