@@ -14,7 +14,7 @@ class LocalObject : public KernelObject {
  protected:
   [[nodiscard]] std::optional<ObjectState> readState() override { return state_; }
   [[nodiscard]] bool writeValue(std::uint32_t value) override;
-  [[nodiscard]] bool beginChange() override { return true; }
+  [[nodiscard]] bool beginChange(std::chrono::milliseconds /*patience*/) override { return true; }
   void endChange() noexcept override {}
   [[nodiscard]] bool claim() override { return true; }
   void disclaim() noexcept override { changed_.notify_all(); }
