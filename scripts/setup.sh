@@ -63,6 +63,7 @@ KELTOP_VALGRIND_PACKAGES=(
 # What building for Windows needs.
 KELTOP_WINDOWS_PACKAGES=(
   "g++-mingw-w64-x86-64-posix:the compiler for Windows"
+  "ccache:keeps what was compiled"
   "cmake:the build system"
   "ninja-build:runs the build"
   "ccache:keeps what was compiled"
@@ -104,6 +105,7 @@ KELTOP_BENCH_PACKAGES=(
 # What making the Debian package needs besides.
 KELTOP_DEB_PACKAGES=(
   "dpkg-dev:finds what the package depends on"
+  "file:finds what the package depends on"
 )
 
 # What the trial in a fresh Debian system needs.
