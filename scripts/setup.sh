@@ -77,6 +77,7 @@ KELTOP_WINDOWS_PACKAGES=(
 KELTOP_WINE_PACKAGES=(
   "wine:runs Windows programs"
   "wine64:runs 64-bit Windows programs"
+  "binutils-mingw-w64-x86-64:reads the program file in tests"
   "python3-pytest-rerunfailures:runs a test again in which Wine lost the start of a program"
 )
 

@@ -23,12 +23,6 @@ pytestmark = windows_cannot("about what is installed on Linux")
 
 
 @pytest.fixture(scope="module")
-def build(request):
-    """The folder of the build."""
-    return pathlib.Path(request.config.getoption("--keltop")).absolute().parent
-
-
-@pytest.fixture(scope="module")
 def installed(build, tmp_path_factory):
     """The root folder of an installation below /usr."""
     folder = tmp_path_factory.mktemp("installation")
@@ -122,15 +116,8 @@ def test_an_archive_holds_the_same_bytes_whenever_it_is_made(tmp_path):
         "a.txt": b"text\r\n", "b.bin": bytes(range(256))}
 
 
-def cache_value(build, name):
-    """What a build was configured with."""
-    return re.search(rf"^{name}:\w+=(.*)", (build / "CMakeCache.txt").read_text(encoding="utf-8"), re.MULTILINE)[1]
-
-
+@pytest.mark.usefixtures("released")
 def test_a_released_program_is_hardened(build):
-    if cache_value(build, "CMAKE_BUILD_TYPE") != "Release" or cache_value(build, "KELTOP_SANITIZE"):
-        pytest.skip("about the program as it is released")
-
     def read(*options):
         return subprocess.run(["readelf", "-W", *options, str(build / "keltop")], env={**os.environ, "LC_ALL": "C"},
                               stdout=subprocess.PIPE, check=True, timeout=LONG).stdout.decode()
@@ -160,7 +147,7 @@ def packed(build, folder, **environment):
 
 
 @pytest.fixture(scope="module")
-def package(build, tmp_path_factory):
+def package(released, build, tmp_path_factory):
     if not shutil.which("cpack") or not shutil.which("dpkg-shlibdeps"):
         pytest.skip("no tools to make a Debian package here")
     return packed(build, tmp_path_factory.mktemp("package"), TZ="UTC")

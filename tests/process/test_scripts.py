@@ -15,7 +15,7 @@ ROOT = pathlib.Path(__file__).parents[2]
 BY_HAND = sorted(path.name for path in (ROOT / "scripts").glob("*.sh")
                  if os.access(path, os.X_OK) and path.name != "debian-system.sh")
 
-pytestmark = windows_cannot("about the scripts")
+pytestmark = [windows_cannot("about the scripts"), pytest.mark.usefixtures("released")]
 
 # A program that tells how it was started, and the build that makes it: a copy.
 PROGRAM = """#!/bin/sh
