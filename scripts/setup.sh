@@ -46,6 +46,7 @@ KELTOP_CHECK_PACKAGES=(
   "clang-format:format check"
   "clang-tidy:lint check"
   "cppcheck:lint check"
+  "shellcheck:checks the scripts"
   "g++-mingw-w64-x86-64-posix:compiles the Windows sources"
 )
 
