@@ -73,11 +73,11 @@ bool workersFinish() {
 }
 
 /// Ends the process where the trace does not end in time: what is left of it is its last line.
-void endTrace() {
+void endTrace(int exitCode) {
   try {
     const std::future<void> ended = std::async(std::launch::async, stopTrace);
     if (ended.wait_for(kTraceGrace) != std::future_status::ready) {
-      platform::endProcess(0);
+      platform::endProcess(exitCode);
     }
   } catch (const std::system_error&) {
     stopTrace();  // no thread to be had: then it takes as long as it takes
@@ -89,8 +89,11 @@ void serve(bool raw, std::int32_t port, platform::ObjectHandle shutdown) {
   const Poco::Net::ServerSocket socket = listenOn(static_cast<std::uint16_t>(port));
   const std::unique_ptr<Poco::Net::TCPServer> server = makeServer(raw, socket);
   server->start();
-  (void)platform::waitForObject(shutdown, platform::kInfinite);
+  const std::uint32_t ended = platform::waitForObject(shutdown, platform::kInfinite);
   server->stop();
+  if (ended != platform::kWaitObject) {
+    throw Poco::SystemException("Cannot wait for the shutdown event");
+  }
 }
 
 }  // namespace
@@ -115,20 +118,21 @@ int listen(const SwitchMap& switches) {
   console << "Press Ctrl-C to stop.\n"
           << "Listening on: " << port << "\r\n"
           << std::endl;
+  int exitCode = 0;
   try {
     serve(findSwitch(switches, "RAW") != nullptr, port, shutdown.handle());
   } catch (const Poco::Exception& error) {
     console << "Error: " << error.displayText() << std::endl;
-    return 1;
+    exitCode = 1;
   }
   const bool finished = workersFinish();
   platform::stopWaitingForOutput();
-  endTrace();
+  endTrace(exitCode);
   if (!finished) {
     // The library's thread pool would wait up to 10 s for each connection that somebody keeps open.
-    platform::endProcess(0);
+    platform::endProcess(exitCode);
   }
-  return 0;
+  return exitCode;
 }
 
 }  // namespace keltop

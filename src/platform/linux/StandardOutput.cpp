@@ -15,6 +15,7 @@ namespace keltop::platform {
 namespace {
 
 std::atomic<bool> mayWait = true;
+std::atomic<ReaderGone> readerGone = nullptr;
 
 bool takesMore(int descriptor, int milliseconds) noexcept {
   pollfd writable = {descriptor, POLLOUT, 0};
@@ -50,10 +51,14 @@ bool writeStandardOutput(std::string_view text) noexcept {
   if (writeAll(STDOUT_FILENO, text)) {
     return true;
   }
-  if (errno == EPIPE) {
+  if (const ReaderGone ends = readerGone; errno == EPIPE && ends != nullptr && ends()) {
     endByBrokenPipe();
   }
   return false;
+}
+
+void setReaderGone(ReaderGone routine) noexcept {
+  readerGone = routine;
 }
 
 void stopWaitingForOutput() noexcept {

@@ -21,6 +21,8 @@ bool writeStandardOutput(std::string_view text) noexcept {
   return write(stdout, text);
 }
 
+void setReaderGone(ReaderGone /*routine*/) noexcept {}
+
 void stopWaitingForOutput() noexcept {}
 
 }  // namespace keltop::platform
