@@ -11,7 +11,7 @@ import time
 
 import pytest
 
-from conftest import HEAD, LONG, SLOWNESS, WORKERS, eventually, listening_on, windows_cannot, without_trace
+from conftest import HEAD, LONG, SLOWNESS, WORKERS, eventually, listening_on, windows_cannot, wine_cannot, without_trace
 from peers import reset
 
 ANY = ("127.0.0.1", 0)
@@ -358,7 +358,7 @@ def test_peers_one_after_another(raw):
 # Resets
 
 
-@windows_cannot("Wine tells a reset as an end")
+@wine_cannot("tells a reset as an end", "8.0")
 def test_a_reset_shows_two_lines_and_harms_no_other_peer(raw):
     other, peer = raw.peer(), raw.peer()
     begins, ends = connected(peer), closing(peer)
@@ -383,7 +383,7 @@ def test_what_came_before_a_reset_is_shown(raw):
     assert raw.end() == begins + b"ABCError: Connection reset by peer\n" + ends
 
 
-@windows_cannot("Wine tells a reset as an end")
+@wine_cannot("tells a reset as an end", "8.0")
 def test_a_reset_in_the_midst_of_a_burst(raw):
     peer = raw.peer()
     ends = closing(peer)
