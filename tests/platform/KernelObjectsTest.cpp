@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/Files.h"
 #include "platform/KernelObjects.h"
 #include "support/ClosedHandle.h"
 #include "support/OnWindows.h"
@@ -20,6 +21,16 @@ namespace {
 
 std::string kernelName() {
   return "Global\\" + uniqueName();
+}
+
+TEST(KernelObjects, theLastErrorIsThatOfTheCallWhateverRanSince) {
+  const std::string name = kernelName();
+  const ObjectHandle first = createEvent(nullptr, name);
+  const ObjectHandle second = createEvent(nullptr, name);
+  EXPECT_FALSE(pathExists("no such file"));  // of which the system keeps an error, too
+  EXPECT_EQ(lastError(), kErrorAlreadyExists);
+  EXPECT_TRUE(closeObject(first));
+  EXPECT_TRUE(closeObject(second));
 }
 
 TEST(KernelObjects, unnamedObjectsAreDistinct) {
