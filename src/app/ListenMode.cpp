@@ -115,6 +115,9 @@ int listen(const SwitchMap& switches) {
     console << "Server not running, shutting down." << std::endl;
     return 0;
   }
+  if (!platform::waitForOutput(shutdown.handle())) {
+    platform::stopWaitingForOutput();  // told to stop while nobody read
+  }
   console << "Press Ctrl-C to stop.\n"
           << "Listening on: " << port << "\r\n"
           << std::endl;

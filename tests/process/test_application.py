@@ -234,6 +234,12 @@ def test_help_by_switch_leaves_what_is_typed_to_the_next_program(keltop, termina
     assert os.read(terminal.side, 100) == b"next\n"
 
 
+def test_an_argument_with_a_wildcard_is_no_list_of_files(keltop, tmp_path):
+    (tmp_path / "-h").touch()
+    keltop.command = [os.path.abspath(word) if os.path.exists(word) else word for word in keltop.command]
+    assert shown(keltop.run("*h", cwd=tmp_path)) == (HELP + PRESS_ANY_KEY, 0)
+
+
 # Ports
 
 

@@ -500,6 +500,27 @@ def test_a_blocked_output_does_not_keep_it(keltop, neighbours, mode, trigger):
         os.close(unread)
 
 
+@MODES
+@pytest.mark.parametrize("trigger", [interrupt, close_window, set_event], ids=lambda trigger: trigger.__name__)
+def test_an_output_that_is_full_before_it_listens_does_not_keep_it(keltop, neighbours, mode, trigger):
+    """Banner and options fit; what the listener says first has to wait, and the main thread has to say it."""
+    unread, output = os.pipe()
+    try:
+        size = fcntl.fcntl(output, fcntl.F_SETPIPE_SZ, 4096)
+        os.write(output, b"." * (size - len(HEAD) - 100))
+        running = keltop.start("-p", "65536", *mode, stdout=output, start_new_session=True)
+        eventually(lambda: unread_bytes(unread) > size - 100, what="a full pipe")
+        eventually(lambda: os.listdir(keltop.objects), what="the event")
+        event = Event(neighbours)
+        assert running.process.poll() is None
+        trigger(event, [(running, None)])
+        assert running.wait() == 0
+        assert b"Press" not in os.read(unread, size)  # it did wait
+    finally:
+        os.close(output)
+        os.close(unread)
+
+
 # A reader that has gone
 
 
