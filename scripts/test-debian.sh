@@ -10,12 +10,15 @@
 # namespaces of its own, which take with them what is mounted and what runs there. It uses the machine's network, and
 # Debian's archives from where this machine takes its packages.
 #
+# The exit code is 77 where the machine does not let anybody make such namespaces, as in many containers.
+#
 # Kept in ${KELTOP_DEBIAN_CACHE:-${XDG_CACHE_HOME:-~/.cache}/keltop-debian}, for each release: the base system, for a week;
 # downloaded packages; compiled objects. The system is unpacked there, too.
 set -euo pipefail
 source "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/setup.sh"
 
 BASE_DAYS=7
+CANNOT_TRY=77
 
 usage() {
   sed -n '/^#   /s/^# *//p' "$KELTOP_ROOT/scripts/test-debian.sh" >&2
@@ -40,6 +43,10 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 
 need "${KELTOP_DEBIAN_PACKAGES[@]}"
+unshare --mount --pid --ipc --fork true 2>/dev/null || {
+  echo "keltop: this machine lets nobody make namespaces: no fresh system can be tried here" >&2
+  exit "$CANNOT_TRY"
+}
 cache=$KELTOP_DEBIAN_CACHE/$suite
 base=$cache/base.tar
 mkdir -p "$cache/archives/partial" "$cache/ccache"
