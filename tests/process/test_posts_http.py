@@ -171,6 +171,9 @@ RESPONSES = {
     # The library's collection keeps headers of one name together.
     "repeated and empty headers": (b"HTTP/1.1 200 OK\r\nZ: 1\r\nA:\r\nZ: 2\r\nContent-Length: 0\r\n\r\n",
                                    b"HTTP/1.1 OK 200\r\nZ: 1\r\nZ: 2\r\nA: \r\nContent-Length: 0\r\n\r\n\r\n"),
+    # The library decodes encoded words (RFC 2047) in header values.
+    "encoded words": (b"HTTP/1.1 200 OK\r\nX: =?utf-8?Q?caf=C3=A9?=\r\nContent-Length: 0\r\n\r\n",
+                      b"HTTP/1.1 OK 200\r\nX: caf\xc3\xa9\r\nContent-Length: 0\r\n\r\n\r\n"),
     "zero bytes": (b"HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\na\0b", b"HTTP/1.1 OK 200\r\nContent-Length: 3\r\n\r\na\0b\r\n"),
     # What came before the peer closed in mid-answer is what is shown.
     "cut short": (b"HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabc",
