@@ -78,6 +78,7 @@ int dispatch(const SwitchMap& switches) {
     return 0;
   }
   platform::setReaderGone(endsWithItsReader);  // not for a post, which is sent whoever reads
+  platform::waitForMainWhenClosed();           // which a listener's soon does
   return listen(switches);
 }
 

@@ -2,6 +2,8 @@
 
 #include <string_view>
 
+#include "platform/KernelObjects.h"
+
 namespace keltop::platform {
 
 /// Writes `text` to standard output at once, whole or not at all from the caller's point of view: false means that
@@ -19,6 +21,10 @@ using ReaderGone = bool (*)() noexcept;
 /// says no. Linux: the process ends by SIGPIPE, as every filter does, unless that signal was ignored at start. Windows
 /// never asks: a program there outlives its reader.
 void setReaderGone(ReaderGone routine) noexcept;
+
+/// Waits until standard output takes a text without making its writer wait: true. False when that event was set, or
+/// cannot be waited for, before. Windows does not tell and gives true at once.
+[[nodiscard]] bool waitForOutput(ObjectHandle unless) noexcept;
 
 /// From now on no write to standard output waits for its reader: what it does not take at once is dropped. For the end
 /// of the program, which a reader that has stopped reading must not hold up. Nothing to do on Windows.

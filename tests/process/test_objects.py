@@ -288,6 +288,44 @@ def test_an_owned_mutex_without_any_handle_is_gone(agents):
     assert (error, two.wait(second, 0)) == (NONE, OBJECT)
 
 
+@linux_files
+def test_an_owned_mutex_without_any_handle_keeps_no_descriptor(agents):
+    """Its thread goes on, and may own as many after each other as it likes."""
+    one, two = agents.start(), agents.start()
+    one.obtain("create-event", "warm")
+    before = descriptors(one)
+    for number in range(20):
+        handle, _ = one.obtain("create-mutex", f"M{number}")
+        assert one.wait(handle, 0) == OBJECT
+        assert one.ask("close", handle) == "0"
+    assert descriptors(one) == before
+    # With a handle elsewhere the thread still owns it, by that descriptor, until nobody has one.
+    handle, _ = one.obtain("create-mutex", "N")
+    two.obtain("create-mutex", "N")
+    assert one.wait(handle, 0) == OBJECT
+    assert one.ask("close", handle) == "0"
+    assert descriptors(one) == before + 1
+    two.kill()
+    event, _ = one.obtain("create-event", "F")
+    assert one.ask("close", event) == "0"
+    assert descriptors(one) == before
+
+
+def descriptors(agent):
+    return len(os.listdir(f"/proc/{agent.process.pid}/fd"))
+
+
+@linux_files
+def test_a_mutex_closed_by_another_thread_than_its_owner_is_gone(agents):
+    one = agents.start()
+    handle, _ = one.obtain("create-mutex", "M")
+    assert one.wait(handle, 0) == OBJECT
+    assert one.ask("close-in-thread", handle) == "0"
+    again, error = one.obtain("create-mutex", "M")
+    assert error == NONE
+    assert one.ask("wait-in-thread", again) == str(OBJECT)
+
+
 def test_an_owned_mutex_that_died_with_its_last_holder_is_free_when_made_again(agents):
     """Its owner had closed its own handle; the last other handle went by sudden death, which removes no file."""
     one, two = agents.start(), agents.start()
@@ -515,9 +553,16 @@ def test_a_stopped_holder_of_the_lock_makes_no_one_hang(agents):
     with open(the_file(agents), "r+b") as file:
         lock = struct.pack("hhqqi", fcntl.F_WRLCK, os.SEEK_SET, 4096, 1, 0)
         fcntl.fcntl(file, fcntl.F_OFD_SETLK, lock)
+        begin = time.monotonic()
         assert one.wait(handle, 0) == FAILED
+        assert time.monotonic() - begin < 1  # beside two seconds, for who has no time to wait
         assert two.obtain("create-semaphore", "S", 1, 3) == ("0", BUSY)
     assert one.wait(handle, 0) == OBJECT
+    with open(the_file(agents), "r+b") as file:
+        fcntl.fcntl(file, fcntl.F_OFD_SETLK, lock)
+        begin = time.monotonic()
+        assert one.wait(handle, 0) == TIMEOUT  # nothing to take: no lock is needed to see it
+        assert time.monotonic() - begin < 0.04
 
 
 @linux_files
@@ -595,19 +640,6 @@ def test_an_event_is_one_whatever_becomes_of_its_file(agents, lose):
     assert three.ask("set", third) == "0"
     assert one.answer() == str(OBJECT)
     assert two.wait(second, 0) == OBJECT
-
-
-@linux_files
-@pytest.mark.parametrize("waiter", [0, 1], ids=["made it", "opened it"])
-def test_a_waiter_hears_of_an_event_whose_file_was_removed(agents, waiter):
-    """The system ends the watch on a file with its last name, where nobody has it open by that name."""
-    pair = [agents.start(), agents.start()]
-    handles = [pair[0].obtain("create-event", "E")[0], pair[1].obtain("create-event", "E")[0]]
-    pair[waiter].tell("wait", handles[waiter], FOR_EVER)
-    eventually(lambda: blocked(pair[waiter]))
-    remove(the_file(agents))
-    assert pair[1 - waiter].ask("set", handles[1 - waiter]) == "0"
-    assert pair[waiter].answer() == str(OBJECT)
 
 
 @linux_files

@@ -20,6 +20,7 @@ pytestmark = windows_cannot("a Wine process gets no signals, and its shutdown ev
 
 BOUND = 5.0 * SLOWNESS  # seconds that an end may take on a busy machine; it is meant to take less than one
 OBSERVED = 0.3  # seconds for which something is watched not to happen
+SILENT_PEERS = 64
 OBJECT, TIMEOUT = 0, 258
 RAW, HTTP = ["-raw"], []
 MODES = pytest.mark.parametrize("mode", [HTTP, RAW], ids=["http", "raw"])
@@ -55,8 +56,8 @@ def nothing(_http, _raw):
 @contextlib.contextmanager
 def silent_raw_peers(_, raw):
     running, port = raw
-    with peers(port, 64):
-        eventually(lambda: running.output.count(b"\r\nConnect from ") == WORKERS, what="every worker busy")
+    with peers(port, SILENT_PEERS):
+        eventually(lambda: running.output.count(b"\r\nConnect from ") == SILENT_PEERS, what="every peer served")
         yield
 
 
@@ -495,6 +496,27 @@ def test_a_blocked_output_does_not_keep_it(keltop, neighbours, mode, trigger):
             assert running.wait() == 0
             print(f"{trigger.__name__}, blocked output: {(time.monotonic() - begin) * 1000:.0f} ms")
         assert_gone([(running, port)])
+    finally:
+        os.close(output)
+        os.close(unread)
+
+
+@MODES
+@pytest.mark.parametrize("trigger", [interrupt, close_window, set_event], ids=lambda trigger: trigger.__name__)
+def test_an_output_that_is_full_before_it_listens_does_not_keep_it(keltop, neighbours, mode, trigger):
+    """Banner and options fit; what the listener says first has to wait, and the main thread has to say it."""
+    unread, output = os.pipe()
+    try:
+        size = fcntl.fcntl(output, fcntl.F_SETPIPE_SZ, 4096)
+        os.write(output, b"." * (size - len(HEAD) - 100))
+        running = keltop.start("-p", "65536", *mode, stdout=output, start_new_session=True)
+        eventually(lambda: unread_bytes(unread) > size - 100, what="a full pipe")
+        eventually(lambda: os.listdir(keltop.objects), what="the event")
+        event = Event(neighbours)
+        assert running.process.poll() is None
+        trigger(event, [(running, None)])
+        assert running.wait() == 0
+        assert b"Press" not in os.read(unread, size)  # it did wait
     finally:
         os.close(output)
         os.close(unread)

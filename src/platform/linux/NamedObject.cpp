@@ -121,7 +121,7 @@ void NamedObject::handleClosed() noexcept {
   file_.unlock(StateFile::LockByte::life);
   if (lock.held() && !file_.lockedElsewhere(StateFile::LockByte::life)) {
     // The object is gone, and whoever owned it owns nothing. A new one may come to life in the same file.
-    forgetOwner();
+    (void)forgetOwner();  // the caller keeps the object alive
     if (StateFile::identityOf(place_.path) == file_.identity()) {
       (void)::unlink(place_.path.c_str());
     }
@@ -130,7 +130,14 @@ void NamedObject::handleClosed() noexcept {
 
 void NamedObject::renew() noexcept {
   const std::lock_guard<std::mutex> guard(guard_);
-  forgetOwner();
+  (void)forgetOwner();  // the caller keeps the object alive
+}
+
+void NamedObject::endIfDead() noexcept {
+  const std::lock_guard<std::mutex> guard(guard_);
+  if (handles_ == 0 && !file_.lockedElsewhere(StateFile::LockByte::life)) {
+    (void)forgetOwner();  // the caller keeps the object alive
+  }
 }
 
 std::optional<ObjectState> NamedObject::readState() {

@@ -28,6 +28,10 @@ class NamedObject : public KernelObject {
   /// The object came to life anew in the file: whoever still owned the old one owns nothing.
   void renew() noexcept;
 
+  /// A thread may own a mutex whose handles this process has closed. Once nobody has one, nobody owns it either, and
+  /// its descriptor goes.
+  void endIfDead() noexcept;
+
   /// With the last handle of the last process the file goes too, where this account may remove it; what stays is
   /// recognised as dead by the missing life lock.
   void handleClosed() noexcept override;
@@ -35,7 +39,7 @@ class NamedObject : public KernelObject {
  protected:
   [[nodiscard]] std::optional<ObjectState> readState() override;
   [[nodiscard]] bool writeValue(std::uint32_t value) override { return file_.writeValue(value); }
-  [[nodiscard]] bool beginChange() override { return file_.lockState(); }
+  [[nodiscard]] bool beginChange(std::chrono::milliseconds patience) override { return file_.lockState(patience); }
   void endChange() noexcept override { file_.unlock(StateFile::LockByte::state); }
   [[nodiscard]] bool claim() override { return file_.tryLockExclusive(StateFile::LockByte::owner); }
   void disclaim() noexcept override;

@@ -159,6 +159,11 @@ NamedResult Registry::find(const std::string& name, const ObjectState& initial, 
   if (std::optional<NamedResult> held = findHere(folder + "/" + fileName, initial.type)) {
     return std::move(*held);
   }
+  for (const auto& entry : objects_) {
+    if (const std::shared_ptr<NamedObject> object = entry.second.lock()) {
+      object->endIfDead();
+    }
+  }
   const auto expired = [](const auto& entry) { return entry.second.expired(); };
   std::erase_if(objects_, expired);
   std::erase_if(byPath_, expired);

@@ -14,6 +14,9 @@ namespace keltop::platform {
 
 namespace {
 
+/// Milliseconds between two looks at an output that takes nothing, while something else is waited for.
+constexpr std::uint32_t kOutputLook = 20;
+
 std::atomic<bool> mayWait = true;
 std::atomic<ReaderGone> readerGone = nullptr;
 
@@ -59,6 +62,15 @@ bool writeStandardOutput(std::string_view text) noexcept {
 
 void setReaderGone(ReaderGone routine) noexcept {
   readerGone = routine;
+}
+
+bool waitForOutput(ObjectHandle unless) noexcept {
+  while (!takesMore(STDOUT_FILENO, 0)) {
+    if (waitForObject(unless, kOutputLook) != kWaitTimeout) {
+      return false;
+    }
+  }
+  return true;
 }
 
 void stopWaitingForOutput() noexcept {

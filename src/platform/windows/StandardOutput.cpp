@@ -23,6 +23,10 @@ bool writeStandardOutput(std::string_view text) noexcept {
 
 void setReaderGone(ReaderGone /*routine*/) noexcept {}
 
+bool waitForOutput(ObjectHandle /*unless*/) noexcept {
+  return true;
+}
+
 void stopWaitingForOutput() noexcept {}
 
 }  // namespace keltop::platform
