@@ -10,6 +10,7 @@ import os
 import pathlib
 import pty
 import re
+import resource
 import select
 import shlex
 import shutil
@@ -31,7 +32,7 @@ import wine
 LONG = float(os.environ.get("KELTOP_TEST_PATIENCE", "20"))
 SLOWNESS = LONG / 20  # how much longer than usually what is meant to be prompt may take
 
-WORKERS = 16  # connections that a listener serves at the same time
+WORKERS = 16  # connections at the same time, where a crowd is not what is tested
 
 AS_NOBODY = {"user": 65534, "group": 65534, "extra_groups": []}
 
@@ -142,6 +143,17 @@ def released(build):
         pytest.skip("about the build that is released")
 
 
+def soft_descriptor_limit(wanted):
+    """For a process that is about to start: the limit that it finds, which it may raise."""
+    _, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (min(wanted, hard), hard))
+
+
+def raise_descriptor_limit():
+    """Lets the tests open as many sockets as the system allows."""
+    soft_descriptor_limit(1 << 20)
+
+
 def free_port():
     """A TCP port that nobody listens on, on any local address."""
     with socket.socket() as probe:
@@ -164,6 +176,11 @@ def eventually(condition, timeout=LONG, what="condition"):
 def unread_bytes(pipe):
     """How many bytes wait in a pipe."""
     return struct.unpack("i", fcntl.ioctl(pipe, termios.FIONREAD, bytes(4)))[0]
+
+
+def unsent_bytes(connection):
+    """How many sent bytes the other end's system has not taken yet."""
+    return struct.unpack("i", fcntl.ioctl(connection, termios.TIOCOUTQ, bytes(4)))[0]
 
 
 class Output:
@@ -246,6 +263,12 @@ class Running:
     @property
     def output(self):
         return self._collected.output
+
+    @property
+    def resident_kib(self):
+        """The memory of a Linux process that is really there."""
+        with open(f"/proc/{self.process.pid}/status", encoding="ascii") as file:
+            return int(re.search(r"VmRSS:\s+(\d+) kB", file.read())[1])
 
     def wait_for(self, text, **limits):
         try:
