@@ -151,7 +151,7 @@ Times timesOf(const TrafficLog& log, const Connection& connection) {
 void writeTimes(JsonWriter& json, const TrafficLog& log, const Connection& connection) {
   const Times times = timesOf(log, connection);
   json.name("startedDateTime")
-      .text(Poco::DateTimeFormatter::format(Poco::Timestamp(connection.begin), "%Y-%m-%dT%H:%M:%FZ"));
+      .text(Poco::DateTimeFormatter::format(Poco::Timestamp(connection.begin), "%Y-%m-%dT%H:%M:%sZ"));
   json.name("time");
   writeMilliseconds(json, times.lastSent - connection.begin);
   json.name("timings").beginObject().name("send");
