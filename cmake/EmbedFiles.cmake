@@ -1,10 +1,16 @@
-# cmake -DOUTPUT=FILE.cpp -DFILES=A;B -P EmbedFiles.cmake: writes a source that holds the files' bytes.
+# cmake -DOUTPUT=FILE.cpp -DFILES=A;B -P EmbedFiles.cmake: writes a source that holds the files, without what only their
+# writers need: blanks at the beginnings of lines, and lines of JavaScript that are comments.
 set(constants "")
 set(table "")
 set(number 0)
 foreach(file IN LISTS FILES)
   get_filename_component(name "${file}" NAME)
-  file(READ "${file}" bytes HEX)
+  file(READ "${file}" text)
+  string(REGEX REPLACE "\n +" "\n" text "${text}")
+  if(name MATCHES "[.]js$")
+    string(REGEX REPLACE "\n(//|/[*][*]|[*] |[*]/)[^\n]*" "" text "\n${text}")
+  endif()
+  string(HEX "${text}" bytes)
   string(LENGTH "${bytes}" digits)
   math(EXPR size "${digits} / 2")
   string(REGEX REPLACE "(..)" "\\\\x\\1" text "${bytes}")

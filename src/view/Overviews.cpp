@@ -66,13 +66,15 @@ Overview Overviews::read(const Connection& connection) const {
   if (connection.received.lost > 0) {
     return overview;
   }
-  if (isTlsHello(received)) {
+  const bool tls = isTlsHello(received);
+  if (tls) {
     overview.kind = Overview::Kind::tls;
-  } else if (!raw_) {
+  }
+  if (!raw_) {
     const std::string sent = log_.bytes(connection.id, Direction::sent, kSentAtHand);
     const Exchange exchange =
         readExchange(streamOf(connection, Direction::received, received), streamOf(connection, Direction::sent, sent));
-    if (exchange.request && !connection.refused) {
+    if (exchange.request && !connection.refused && !tls) {
       describe(*exchange.request, overview);
     }
     if (exchange.answer) {

@@ -1,5 +1,6 @@
-// A page whose traffic is told by lines on standard input, for the tests and pictures that need many connections or exact
-// ones: "open PEER OWN", "received ID HEX", "sent ID HEX", "refused ID REASON", "ended ID HOW". Ends with the input.
+// A page whose traffic is told by lines on standard input, for the tests and pictures that need many connections or
+// exact ones: "open PEER OWN", "received ID HEX", "sent ID HEX", "refused ID REASON", "ended ID HOW". Ends with the
+// input.
 
 #include <Poco/HexBinaryDecoder.h>
 #include <Poco/MemoryStream.h>

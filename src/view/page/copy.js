@@ -53,9 +53,9 @@ export function curl(request, own) {
   words.push(...headerWords(headers, hasBody));
   let note = '';
   if (hasBody && (body.bytes.length < body.size || body.bytes.includes('\0'))) {
-    // An argument cannot carry it: it comes from the file that "Download body" saves.
+    // An argument cannot carry it: it comes from the file that the download of the body saves.
     words.push('--data-binary', '@body.bin');
-    note = ' The body is to be saved as body.bin.';
+    note = '; download the body and save it as body.bin';
   } else if (hasBody) {
     words.push('--data-raw', shellWord(body.bytes));
   }

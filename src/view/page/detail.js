@@ -123,7 +123,7 @@ export class Detail {
         h('div', {}, h('dt', { class: 'unseen' }, 'State'), h('dd', { class: 'state', 'data-state': state }, h('span', { class: 'dot' }),
           one.state === 'closed by peer' && state === 'closed' ? 'closed by the peer' : state)),
         fact('Peer', one.peer), fact('To', one.own), fact('Began', clock(one.begin)), fact('Lasted', span(one.end - one.begin)),
-        fact('Received', exact(one.in)), fact('Sent', exact(one.out))),
+        fact('Received', exact(one.in)), fact('Sent', exact(one.out)), ...(one.request ? [fact('Version', h('span', {}, ...show(one.request.third)))] : [])),
       this.#actions(one));
   }
 
@@ -131,22 +131,27 @@ export class Detail {
     const button = (id, text, onclick) => h('button', { type: 'button', id, onclick }, text);
     const link = (part, text) => h('a', { class: 'button', href: `/connections/${one.id}/${part}`, download: '' }, text);
     const actions = [];
+    const downloads = [];
     if (one.request) {
       actions.push(button('copy-curl', 'Copy as curl', () => {
         const { command, note } = curl(one.request, this.#ownAddress(one));
-        copy(command, `a curl command.${note}`);
+        copy(command, `a curl command${note}`);
       }));
     }
     if (one.in) {
       actions.push(button('copy-bytes', 'Copy bytes', async () => {
         copyBytes(new Uint8Array(await (await fetch(`/connections/${one.id}/received`)).arrayBuffer()));
-      }), link('received', 'Download received'));
+      }));
+      downloads.push(link('received', 'Received'));
     }
     if (one.request?.body.size) {
-      actions.push(link('body', 'Download body'));
+      downloads.push(link('body', 'Body'));
     }
     if (one.out) {
-      actions.push(link('sent', 'Download answer'));
+      downloads.push(link('sent', 'Answer'));
+    }
+    if (downloads.length) {
+      actions.push(h('div', { class: 'choice', role: 'group', 'aria-label': 'Download' }, h('span', { 'aria-hidden': 'true' }, 'Download'), ...downloads));
     }
     return h('div', { class: 'actions' }, ...actions);
   }
@@ -224,7 +229,7 @@ export class Detail {
 
   #message(message, query) {
     const part = (name, ...nodes) => h('section', {}, h('h3', {}, name), ...nodes);
-    const parts = [part('First line', h('pre', {}, ...show([message.first, message.second, message.third].join(' '))))];
+    const parts = query ? [] : [part('Status', h('pre', {}, ...show([message.first, message.second, message.third].join(' '))))];
     if (query?.length) {
       parts.push(part('Query', table(query, 'Query')));
     }

@@ -68,13 +68,13 @@ export class List {
     this.draw();
   }
 
-  choose(id, scroll = false) {
+  choose(id) {
     this.#chosen = id;
-    if (scroll) {
-      this.#reveal(this.#indexOf(id));
+    this.onChoose(id);
+    if (id !== null) {
+      this.#reveal(this.#indexOf(id));  // the list may have got smaller, too
     }
     this.draw(true);
-    this.onChoose(id);
   }
 
   #indexOf(id) {
@@ -113,7 +113,7 @@ export class List {
     const now = this.#chosen === null ? -1 : this.#indexOf(this.#chosen);
     const index = now < 0 && Math.abs(step) !== Infinity ? (this.follows ? last : Math.floor(this.#rows.scrollTop / this.#height))
       : Math.min(last, Math.max(0, now + step));
-    this.choose(this.#shown[index].id, true);
+    this.choose(this.#shown[index].id);
   }
 
   get page() { return Math.max(1, Math.floor(this.#rows.clientHeight / this.#height) - 1); }

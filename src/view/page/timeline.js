@@ -3,8 +3,10 @@
 import { byId, count, size } from './dom.js';
 import { isBad } from './list.js';
 
+// In pixels of a usual screen; on a larger one all of it grows with the letters.
 const RATE_HEIGHT = 18;
 const LANE = 7;
+const AXIS = 15;
 
 export class Timeline {
   #canvas = document.querySelector('#strip canvas');
@@ -13,6 +15,7 @@ export class Timeline {
   #bars = [];
   #entries = () => [];
   #colours = {};
+  #scale = 1;
 
   constructor(entries, onChoose) {
     this.#entries = entries;
@@ -21,7 +24,7 @@ export class Timeline {
     this.#readColours();
     new ResizeObserver(() => this.draw()).observe(this.#canvas);
     this.#canvas.addEventListener('click', (event) => {
-      const id = this.#at(event.offsetX, event.offsetY);
+      const id = this.#at(event.offsetX / this.#scale, event.offsetY / this.#scale);
       if (id !== null) {
         onChoose(id);
       }
@@ -59,21 +62,26 @@ export class Timeline {
     return best;
   }
 
-  // The window stands still, and steps on when the present reaches its edge.
+  // The window begins with the first connection. It stands still, and steps on when the present reaches its edge.
   #moveWindow() {
     const now = Date.now() * 1000;
-    if (now > this.#end || this.#end - now > this.#width) {
+    const first = (this.#entries()[0]?.begin ?? now) - this.#width / 40;
+    if (now - first < this.#width) {
+      this.#end = first + this.#width;
+    } else if (now > this.#end || this.#end - now > this.#width) {
       this.#end = now + this.#width / 6;
     }
     return this.#end - this.#width;
   }
 
   draw() {
-    const ratio = devicePixelRatio;
-    const { clientWidth: width, clientHeight: height } = this.#canvas;
-    if (!width || !this.#colours.accent) {
+    if (!this.#canvas.clientWidth || !this.#colours.accent) {
       return;
     }
+    this.#scale = parseFloat(getComputedStyle(document.documentElement).fontSize) / 14;
+    const ratio = devicePixelRatio * this.#scale;
+    const width = this.#canvas.clientWidth / this.#scale;
+    const height = this.#canvas.clientHeight / this.#scale;
     if (this.#canvas.width !== Math.round(width * ratio) || this.#canvas.height !== Math.round(height * ratio)) {
       this.#canvas.width = Math.round(width * ratio);
       this.#canvas.height = Math.round(height * ratio);
@@ -99,7 +107,7 @@ export class Timeline {
     to.textBaseline = 'bottom';
     for (let time = Math.ceil(begin / step) * step; time < this.#end; time += step) {
       to.fillStyle = this.#colours.line;
-      to.fillRect(Math.round(x(time)), 0, 1, height - 15);
+      to.fillRect(Math.round(x(time)), height - AXIS - 4, 1, 4);
       to.fillStyle = this.#colours.muted;
       const text = new Date(time / 1000).toTimeString().slice(0, step < 60e6 ? 8 : 5);
       const half = to.measureText(text).width / 2;
@@ -108,8 +116,10 @@ export class Timeline {
       }
     }
     const now = x(Date.now() * 1000);
+    to.fillStyle = this.#colours.line;
+    to.fillRect(0, height - AXIS, width, 1);
     to.fillStyle = this.#colours.accent;
-    to.fillRect(Math.round(now), 0, 1, height - 15);
+    to.fillRect(Math.round(now), 0, 1, height - AXIS);
   }
 
   #drawRate(to, seen, width, x) {
@@ -131,7 +141,7 @@ export class Timeline {
 
   // A connection takes the first lane that is free where it begins; where none is, they share.
   #drawBars(to, seen, width, height, x) {
-    const lanes = new Array(Math.max(1, Math.floor((height - 15 - RATE_HEIGHT - 6) / LANE))).fill(-1);
+    const lanes = new Array(Math.max(1, Math.floor((height - AXIS - RATE_HEIGHT - 6) / LANE))).fill(-1);
     this.#bars = [];
     for (const one of seen) {
       const left = Math.max(0, x(one.begin));

@@ -21,7 +21,7 @@ let searched = 0;
 let searching = false;
 let listener = { raw: false, port: 0 };
 
-const timeline = new Timeline(() => order, (id) => list.choose(id, true));
+const timeline = new Timeline(() => order, (id) => list.choose(id));
 const detail = new Detail(close);
 const list = new List((id) => {
   timeline.chosen = id;
