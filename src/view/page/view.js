@@ -10,6 +10,7 @@ const MOST = 10000;
 
 const connections = new Map();
 let order = [];
+let versions = 0;  // of connections, so that the list knows which rows to draw again
 let arrived = new Map();  // while it is paused: what came meanwhile
 let run = null;
 let cleared = 0;
@@ -114,7 +115,7 @@ function add(all) {
       continue;
     }
     const before = connections.get(one.id);
-    one.version = (before?.version ?? 0) + 1;
+    one.version = versions += 1;
     if (before) {
       Object.assign(before, one);
     } else {
