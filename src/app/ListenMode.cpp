@@ -22,6 +22,8 @@
 #include "servers/RawPacketConnectionFactory.h"
 #include "servers/RestRequestHandlerFactory.h"
 #include "trace/StopTrace.h"
+#include "view/PageServer.h"
+#include "view/TrafficLog.h"
 
 namespace keltop {
 
@@ -40,6 +42,17 @@ std::unique_ptr<net::Server> makeServer(bool raw, const net::ServerOptions& opti
         net::SocketTimeouts{.send = RawPacketConnection::timeout(), .receive = RawPacketConnection::timeout()});
   }
   return std::make_unique<net::Server>(options, Poco::makeShared<RestRequestHandlerFactory>());
+}
+
+/// The live page and what it shows, where it is asked for.
+struct View {
+  view::TrafficLog log;
+  std::unique_ptr<view::PageServer> page;
+};
+
+void openView(View& opened, const view::Listener& listener, const std::string& port, ConsoleStream& console) {
+  opened.page = std::make_unique<view::PageServer>(opened.log, listener, port);
+  console << "View: http://127.0.0.1:" << opened.page->port() << "/\r\n" << std::endl;
 }
 
 /// Ends the process where the trace does not end in time: what is left of it is its last line.
@@ -76,10 +89,16 @@ int listen(const SwitchMap& switches) {
   console << "Press Ctrl-C to stop.\n"
           << "Listening on: " << port << "\r\n"
           << std::endl;
+  const bool raw = findSwitch(switches, "RAW") != nullptr;
+  const std::string* viewPort = findSwitch(switches, "VIEW");
+  const auto shown = viewPort == nullptr ? nullptr : std::make_unique<View>();
   std::unique_ptr<net::Server> server;
   try {
     // The socket takes the low 16 bits of whatever number was given, on purpose.
-    server = makeServer(findSwitch(switches, "RAW") != nullptr, {.port = static_cast<std::uint16_t>(port)});
+    server = makeServer(raw, {.port = static_cast<std::uint16_t>(port), .watcher = shown ? &shown->log : nullptr});
+    if (shown) {
+      openView(*shown, {raw, server->port()}, *viewPort, console);
+    }
     server->start();
     (void)platform::waitForObject(shutdown.handle(), platform::kInfinite);
     server->stop();
@@ -87,7 +106,8 @@ int listen(const SwitchMap& switches) {
     console << "Error: " << error.displayText() << std::endl;
     return 1;
   }
-  const bool finished = server->finish(kWorkersGrace);
+  const bool pageFinished = !shown || shown->page->stop(kWorkersGrace);
+  const bool finished = server->finish(kWorkersGrace) && pageFinished;
   platform::stopWaitingForOutput();
   endTrace();
   if (!finished) {

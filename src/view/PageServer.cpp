@@ -8,7 +8,7 @@
 
 #include <thread>
 
-#include "platform/ListenPort.h"
+#include "platform/Sockets.h"
 #include "view/PageHandler.h"
 
 namespace keltop::view {
@@ -31,8 +31,9 @@ Poco::Net::ServerSocket listenOnLoopback(const std::string& port) {
   const Poco::Net::SocketAddress address("127.0.0.1", port.empty() ? "0" : port);
   Poco::Net::ServerSocket socket;
   socket.init(address.af());
-  platform::prepareListenSocket(static_cast<std::uintptr_t>(socket.impl()->sockfd()));
-  socket.bind(address, false, false);
+  const bool reuse = platform::prepareListenSocket(static_cast<platform::SocketNumber>(socket.impl()->sockfd()));
+  socket.bind(address, reuse, false);
+  socket.setBlocking(true);  // accepted sockets may inherit it, and the library's server expects them to wait
   socket.listen(kBacklog);
   return socket;
 }
