@@ -84,7 +84,7 @@ class Page:
     def choose(self, connection):
         self.until(lambda: self.all(f"#row-{connection}"), f"row {connection}")
         self.click(f"#row-{connection}")
-        self.until(lambda: self.all("#detail h2"), "the detail")
+        self.until(lambda: self.all(f"#detail[data-shows='{connection}']"), "the detail")
 
     def tab(self, name):
         self.click(f"#tab-{name}")

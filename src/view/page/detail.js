@@ -20,6 +20,8 @@ export class Detail {
   #hexSent = false;
   #loading = false;
   #stale = false;
+  #parts = new Map();
+  #before = 0;  // the time of the last piece in the transcript
 
   constructor(onClose) {
     this.onClose = onClose;
@@ -36,6 +38,7 @@ export class Detail {
       this.#dropped = 0;
       this.#hexShown = HEX_PART;
       this.#asItCame = false;
+      this.#parts.clear();
       this.#pane.scrollTop = 0;
       if (id === null) {
         this.#render();
@@ -89,6 +92,7 @@ export class Detail {
   }
 
   #render(gone = false) {
+    delete this.#pane.dataset.shows;
     if (this.#id === null) {
       this.#pane.replaceChildren(h('p', { class: 'hint' }, 'Choose a connection to see all of it.'));
       return;
@@ -101,30 +105,63 @@ export class Detail {
     const tabs = this.#tabsOf(one);
     const tab = tabs.find(([name]) => name === this.#tab) ?? tabs[0];
     const focused = this.#pane.contains(document.activeElement) ? document.activeElement?.id : '';
-    const top = this.#pane.scrollTop;
-    this.#pane.replaceChildren(
-      this.#head(one), ...this.#notices(one, gone), this.#tabList(tabs, tab[0]),
-      h('div', { class: 'panel', role: 'tabpanel', id: 'panel', 'aria-labelledby': `tab-${tab[0]}` }, ...tab[2]()));
-    this.#pane.scrollTop = top;
-    if (focused) {
+    const notices = this.#notices(one, gone);
+    const parts = [
+      this.#part('head', '', () => this.#head()),
+      this.#part('notices', notices.map((notice) => notice.textContent).join('\n'), () => h('div', { class: 'notices' }, ...notices)),
+      this.#part('tabs', `${tabs.map(([name]) => name)} ${tab[0]}`, () => this.#tabList(tabs, tab[0])),
+      this.#part('panel', `${tab[0]} ${tab[3]}`, () => h('div', {
+        class: 'panel', role: 'tabpanel', id: 'panel', 'aria-labelledby': `tab-${tab[0]}`,
+      }, ...tab[2]())),
+    ];
+    if (parts.some((part, i) => part !== this.#pane.children[i])) {
+      this.#pane.replaceChildren(...parts);
+    }
+    this.#fillHead(one);
+    this.#pane.dataset.shows = one.id;
+    if (tab[0] === 'wire') {
+      this.#addLines();
+    }
+    if (focused && document.activeElement === document.body) {
       byId(focused)?.focus({ preventScroll: true });
     }
   }
 
-  #head(one) {
+  /** A part of the pane, made again only when what it is made of has changed: a selection and a pressed button stay. */
+  #part(name, key, make) {
+    const before = this.#parts.get(name);
+    if (before?.key === key) {
+      return before.element;
+    }
+    const element = make();
+    this.#parts.set(name, { key, element });
+    return element;
+  }
+
+  #head() {
+    return h('div', { class: 'top' },
+      h('div', { class: 'title' }, h('h2', {}),
+        h('button', { type: 'button', id: 'close', class: 'plain', 'aria-label': 'Close', onclick: () => this.onClose() }, '×')),
+      h('dl', { class: 'facts' }), h('div', { class: 'actions' }));
+  }
+
+  #fillHead(one) {
     const state = stateOf(one);
     const title = one.request ? [h('b', {}, ...show(one.request.first)), ' ', ...show(one.request.second)]
       : [one.kind === 'tls' ? 'TLS hello on a plain port' : one.kind === 'silent' ? 'Nothing came' : `${exact(one.in)} received`];
     const fact = (name, value) => h('div', {}, h('dt', {}, name), h('dd', {}, value));
-    return h('div', { class: 'top' },
-      h('div', { class: 'title' }, h('h2', {}, ...title),
-        h('button', { type: 'button', id: 'close', class: 'plain', 'aria-label': 'Close', onclick: () => this.onClose() }, '×')),
-      h('dl', { class: 'facts' },
-        h('div', {}, h('dt', { class: 'unseen' }, 'State'), h('dd', { class: 'state', 'data-state': state }, h('span', { class: 'dot' }),
-          one.state === 'closed by peer' && state === 'closed' ? 'closed by the peer' : state)),
-        fact('Peer', one.peer), fact('To', one.own), fact('Began', clock(one.begin)), fact('Lasted', span(one.end - one.begin)),
-        fact('Received', exact(one.in)), fact('Sent', exact(one.out)), ...(one.request ? [fact('Version', h('span', {}, ...show(one.request.third)))] : [])),
-      this.#actions(one));
+    this.#pane.querySelector('h2').replaceChildren(...title);
+    this.#pane.querySelector('.facts').replaceChildren(
+      h('div', {}, h('dt', { class: 'unseen' }, 'State'), h('dd', { class: 'state', 'data-state': state }, h('span', { class: 'dot' }),
+        one.state === 'closed by peer' && state === 'closed' ? 'closed by the peer' : state)),
+      fact('Peer', one.peer), fact('To', one.own), fact('Began', clock(one.begin)), fact('Lasted', span(one.end - one.begin)),
+      fact('Received', exact(one.in)), fact('Sent', exact(one.out)), ...(one.request ? [fact('Version', h('span', {}, ...show(one.request.third)))] : []));
+    const actions = this.#actions(one);
+    const place = this.#pane.querySelector('.actions');
+    const words = (nodes) => [...nodes].map((node) => node.textContent).join();
+    if (words(actions) !== words(place.children)) {
+      place.replaceChildren(...actions);
+    }
   }
 
   #actions(one) {
@@ -134,7 +171,7 @@ export class Detail {
     const downloads = [];
     if (one.request) {
       actions.push(button('copy-curl', 'Copy as curl', () => {
-        const { command, note } = curl(one.request, this.#ownAddress(one));
+        const { command, note } = curl(this.#one.request, one.own);
         copy(command, `a curl command${note}`);
       }));
     }
@@ -153,10 +190,8 @@ export class Detail {
     if (downloads.length) {
       actions.push(h('div', { class: 'choice', role: 'group', 'aria-label': 'Download' }, h('span', { 'aria-hidden': 'true' }, 'Download'), ...downloads));
     }
-    return h('div', { class: 'actions' }, ...actions);
+    return actions;
   }
-
-  #ownAddress = (one) => one.own;
 
   #notices(one, gone) {
     const bad = [];
@@ -197,12 +232,14 @@ export class Detail {
   #tabsOf(one) {
     const tabs = [];
     if (one.request) {
-      tabs.push(['message', 'Request', () => this.#message(one.request, one.query)]);
+      const body = one.request.body;
+      tabs.push(['message', 'Request', () => this.#message(one.request, one.query), `${body.bytes.length} ${body.size} ${body.end} ${this.#asItCame}`]);
     }
     if (one.answer) {
-      tabs.push(['answer', 'Answer', () => [...one.interim.map((head) => h('pre', {}, ...show(head, 'wire'))), ...this.#message(one.answer)]]);
+      tabs.push(['answer', 'Answer', () => [...one.interim.map((head) => h('pre', {}, ...show(head, 'wire'))), ...this.#message(one.answer)], `${one.out} ${this.#asItCame}`]);
     }
-    tabs.push(['wire', one.request ? 'Wire' : 'Transcript', () => this.#transcript(one)], ['hex', 'Hex', () => this.#hex(one)]);
+    tabs.push(['wire', one.request ? 'Wire' : 'Transcript', () => this.#transcript(), this.#dropped],
+      ['hex', 'Hex', () => this.#hex(one), `${one.in} ${one.out} ${this.#hexSent} ${this.#hexShown}`]);
     return one.request ? tabs : [...tabs.slice(-2), ...tabs.slice(0, -2)];
   }
 
@@ -272,22 +309,25 @@ export class Detail {
     return place;
   }
 
-  #transcript(one) {
-    if (!this.#pieces.length) {
-      return [h('p', { class: 'hint' }, 'No bytes yet.')];
-    }
-    let before = this.#dropped ? this.#pieces[0].time : one.begin;
-    const lines = this.#pieces.map((piece) => {
-      const since = piece.time - before;
-      before = piece.time;
+  #transcript() {
+    const note = this.#dropped ? [h('p', { class: 'hint' }, `${count(this.#dropped)} earlier pieces are in the download.`)] : [];
+    this.#before = this.#dropped ? this.#pieces[0].time : this.#one.begin;
+    return [...note, h('p', { class: 'hint' }, 'No bytes yet.'), h('ol', { class: 'transcript', 'aria-label': 'Pieces as they came' })];
+  }
+
+  /** The pieces that are not in the transcript yet. */
+  #addLines() {
+    const list = this.#pane.querySelector('.transcript');
+    list.append(...this.#pieces.slice(list.children.length).map((piece) => {
+      const since = piece.time - this.#before;
+      this.#before = piece.time;
       return h('li', { class: piece.sent ? 'sent' : 'came' },
         h('p', { class: 'piece' }, h('span', { title: clock(piece.time) }, `+${span(since)}`),
           h('span', {}, piece.sent ? 'sent' : 'received'), h('span', {}, exact(piece.size))),
         h('pre', {}, ...show(piece.bytes, 'wire'),
           ...(piece.bytes.length < piece.size ? [h('span', { class: 'quiet' }, ` … ${size(piece.size - piece.bytes.length)} more`)] : [])));
-    });
-    const note = this.#dropped ? [h('p', { class: 'hint' }, `${count(this.#dropped)} earlier pieces are in the download.`)] : [];
-    return [...note, h('ol', { class: 'transcript', 'aria-label': 'Pieces as they came' }, ...lines)];
+    }));
+    list.previousElementSibling.hidden = list.children.length > 0;
   }
 
   #hex(one) {

@@ -142,11 +142,10 @@ export class List {
     const keep = new Map();
     for (let i = first; i < end; i += 1) {
       const one = this.#shown[i];
-      let row = this.#drawn.get(one.id);
-      if (!row || row.version !== one.version || this.afresh) {
-        const made = this.#row(one);
-        row ? row.element.replaceWith(made) : this.#spacer.append(made);
-        row = { element: made, version: one.version };
+      const row = this.#drawn.get(one.id) ?? { element: this.#spacer.appendChild(h('div', { role: 'option', id: `row-${one.id}`, 'data-id': one.id })) };
+      if (row.version !== one.version || this.afresh) {
+        this.#fill(row.element, one);
+        row.version = one.version;
       }
       row.element.style.transform = `translateY(${i * height}px)`;
       row.element.setAttribute('aria-posinset', i + 1);
@@ -164,16 +163,15 @@ export class List {
     }
   }
 
-  #row(one) {
+  /** A row stays the same element as long as it is seen: what a pointer has begun to press must not go away. */
+  #fill(row, one) {
     const state = stateOf(one);
-    const wrong = flaw(one);
-    return h('div', {
-      class: `row${isBad(one) ? ' bad' : ''}`, role: 'option', id: `row-${one.id}`, 'data-id': one.id, 'data-state': state,
-      'aria-selected': String(one.id === this.#chosen),
-    },
-    h('span', { class: 'time' }, clock(one.begin)), h('span', { class: 'peer' }, one.peer),
-    h('span', { class: 'what', title: one.kind === 'http' ? toText(one.target) : '' }, ...message(one)),
-    h('span', { class: 'size', title: exact(one.in) }, size(one.in)),
-    h('span', { class: 'state' }, h('span', { class: 'dot' }), wrong || state));
+    row.className = `row${isBad(one) ? ' bad' : ''}`;
+    row.dataset.state = state;
+    row.title = `${one.kind === 'http' ? `${toText(one.target)}\n` : ''}${exact(one.in)}`;
+    row.setAttribute('aria-selected', String(one.id === this.#chosen));
+    row.replaceChildren(h('span', { class: 'time' }, clock(one.begin)), h('span', { class: 'peer' }, one.peer),
+      h('span', { class: 'what' }, ...message(one)), h('span', { class: 'size' }, size(one.in)),
+      h('span', { class: 'state' }, h('span', { class: 'dot' }), flaw(one) || state));
   }
 }

@@ -2,6 +2,11 @@
 
 import { h, show, toText, toBinary, toBytes } from './dom.js';
 
+// Beyond that a body is shown as it came: peers can make it as deep and as long as they like.
+const DEEPEST = 40;
+const MOST_TOKENS = 20000;
+
+const indent = (depth) => '  '.repeat(Math.min(depth, DEEPEST));
 const mark = (kind, text) => h('span', { class: kind }, ...show(toBinary(text), 'text'));
 
 function json(text) {
@@ -11,10 +16,13 @@ function json(text) {
     return null;
   }
   const nodes = [];
-  const line = (depth) => `\n${'  '.repeat(depth)}`;
+  const line = (depth) => `\n${indent(depth)}`;
   let depth = 0;
   let opened = false;
   for (const [token] of text.matchAll(/"(?:\\.|[^"\\])*"(?:\s*:)?|[{}[\],]|[^\s{}[\],"]+/g)) {
+    if (nodes.length > MOST_TOKENS) {
+      return null;
+    }
     if (token === '}' || token === ']') {
       depth -= 1;
       nodes.push(opened ? token : line(depth) + token);
@@ -42,6 +50,9 @@ function json(text) {
 
 function xml(text) {
   const tokens = text.match(/<!--[\s\S]*?-->|<!\[CDATA\[[\s\S]*?\]\]>|<\?[\s\S]*?\?>|<(?:"[^"]*"|'[^']*'|[^>"'])*>|[^<]+|</g) ?? [];
+  if (tokens.length > MOST_TOKENS) {
+    return null;
+  }
   const nodes = [];
   let depth = 0;
   let inline = false;
@@ -51,13 +62,13 @@ function xml(text) {
     if (!token.startsWith('<') || token === '<') {
       if (token.trim() !== '') {
         inline = /^<[^!?/]/.test(tokens[i - 1] ?? '') && (tokens[i + 1] ?? '').startsWith('</');
-        nodes.push(...(inline ? [] : ['\n', '  '.repeat(depth)]), ...show(toBinary(inline ? token : token.trim()), 'text'));
+        nodes.push(...(inline ? [] : ['\n', indent(depth)]), ...show(toBinary(inline ? token : token.trim()), 'text'));
       }
       return;
     }
     depth = Math.max(0, depth - (closes ? 1 : 0));
     const empty = closes && tokens[i - 1] === token.replace('</', '<');
-    nodes.push(...(inline || empty || nodes.length === 0 ? [] : ['\n', '  '.repeat(depth)]), mark(isTag ? 'key' : 'quiet', token));
+    nodes.push(...(inline || empty || nodes.length === 0 ? [] : ['\n', indent(depth)]), mark(isTag ? 'key' : 'quiet', token));
     inline = false;
     depth += isTag && !closes && !token.endsWith('/>') ? 1 : 0;
   });
