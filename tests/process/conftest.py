@@ -155,6 +155,11 @@ def unread_bytes(pipe):
     return struct.unpack("i", fcntl.ioctl(pipe, termios.FIONREAD, bytes(4)))[0]
 
 
+def unsent_bytes(connection):
+    """How many sent bytes the other end's system has not taken yet."""
+    return struct.unpack("i", fcntl.ioctl(connection, termios.TIOCOUTQ, bytes(4)))[0]
+
+
 class Output:
     """What is written to the other end of a file descriptor, collected as it comes."""
 
