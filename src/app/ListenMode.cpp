@@ -47,20 +47,23 @@ std::unique_ptr<net::Server> makeServer(bool raw, const net::ServerOptions& opti
 /// The live page and what it shows, where it is asked for.
 struct View {
   view::TrafficLog log;
-  std::unique_ptr<view::PageServer> page;
+  std::unique_ptr<view::PageServer> page{};
+
+  void open(const view::Listener& listener, const std::string& port, ConsoleStream& console) {
+    page = std::make_unique<view::PageServer>(log, listener, port);
+    console << "View: http://127.0.0.1:" << page->port() << "/\r\n" << std::endl;
+  }
+
+  /// Whether every browser's connection has ended.
+  [[nodiscard]] bool stop() { return page == nullptr || page->stop(kWorkersGrace); }
 };
 
-void openView(View& opened, const view::Listener& listener, const std::string& port, ConsoleStream& console) {
-  opened.page = std::make_unique<view::PageServer>(opened.log, listener, port);
-  console << "View: http://127.0.0.1:" << opened.page->port() << "/\r\n" << std::endl;
-}
-
 /// Ends the process where the trace does not end in time: what is left of it is its last line.
-void endTrace() {
+void endTrace(int exitCode) {
   try {
     const std::future<void> ended = std::async(std::launch::async, stopTrace);
     if (ended.wait_for(kTraceGrace) != std::future_status::ready) {
-      platform::endProcess(0);
+      platform::endProcess(exitCode);
     }
   } catch (const std::system_error&) {
     stopTrace();  // no thread to be had: then it takes as long as it takes
@@ -86,35 +89,42 @@ int listen(const SwitchMap& switches) {
     console << "Server not running, shutting down." << std::endl;
     return 0;
   }
+  if (!platform::waitForOutput(shutdown.handle())) {
+    platform::stopWaitingForOutput();  // told to stop while nobody read
+  }
   console << "Press Ctrl-C to stop.\n"
           << "Listening on: " << port << "\r\n"
           << std::endl;
   const bool raw = findSwitch(switches, "RAW") != nullptr;
   const std::string* viewPort = findSwitch(switches, "VIEW");
   const auto shown = viewPort == nullptr ? nullptr : std::make_unique<View>();
+  int exitCode = 0;
   std::unique_ptr<net::Server> server;
   try {
     // The socket takes the low 16 bits of whatever number was given, on purpose.
     server = makeServer(raw, {.port = static_cast<std::uint16_t>(port), .watcher = shown ? &shown->log : nullptr});
     if (shown) {
-      openView(*shown, {raw, server->port()}, *viewPort, console);
+      shown->open({raw, server->port()}, *viewPort, console);
     }
     server->start();
-    (void)platform::waitForObject(shutdown.handle(), platform::kInfinite);
+    const std::uint32_t ended = platform::waitForObject(shutdown.handle(), platform::kInfinite);
     server->stop();
+    if (ended != platform::kWaitObject) {
+      throw Poco::SystemException("Cannot wait for the shutdown event");
+    }
   } catch (const Poco::Exception& error) {
     console << "Error: " << error.displayText() << std::endl;
-    return 1;
+    exitCode = 1;
   }
-  const bool pageFinished = !shown || shown->page->stop(kWorkersGrace);
-  const bool finished = server->finish(kWorkersGrace) && pageFinished;
+  const bool pageFinished = shown == nullptr || shown->stop();
+  const bool finished = (server == nullptr || server->finish(kWorkersGrace)) && pageFinished;
   platform::stopWaitingForOutput();
-  endTrace();
+  endTrace(exitCode);
   if (!finished) {
     // The library's thread pool would wait up to 10 s for each connection that somebody keeps open.
-    platform::endProcess(0);
+    platform::endProcess(exitCode);
   }
-  return 0;
+  return exitCode;
 }
 
 }  // namespace keltop
