@@ -4,7 +4,8 @@ if(CMAKE_BUILD_TYPE STREQUAL Release AND NOT KELTOP_SANITIZE)
   # Undefined first: some systems' compilers define a level of their own.
   add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3 -fstack-protector-strong)
   if(WIN32)
-    add_link_options(-Wl,--dynamicbase,--nxcompat,--high-entropy-va)
+    # The first for the linker too: what a guard calls is in a library of the compiler's.
+    add_link_options(-fstack-protector-strong -Wl,--dynamicbase,--nxcompat,--high-entropy-va)
   else()
     add_compile_options(-fPIE -fstack-clash-protection)
     add_link_options(-pie -Wl,-z,relro,-z,now)

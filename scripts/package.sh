@@ -34,10 +34,10 @@ pack_deb() {
     cat "$folder/log" >&2
     return 1
   }
-  for archive in "$folder"/*.deb; do
-    mv "$archive" "$packages"
-    echo "$packages/$(basename "$archive")"
-  done
+  # One package, for this release: none of an earlier version stays beside it.
+  rm -f "$packages"/keltop_*.deb
+  mv "$folder"/keltop_*.deb "$packages"
+  echo "$packages"/keltop_*.deb
   rm -r "$folder"
 }
 

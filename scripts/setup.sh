@@ -46,6 +46,7 @@ KELTOP_CHECK_PACKAGES=(
   "clang-format:format check"
   "clang-tidy:lint check"
   "cppcheck:lint check"
+  "shellcheck:checks the scripts"
   "g++-mingw-w64-x86-64-posix:compiles the Windows sources"
 )
 
@@ -63,6 +64,7 @@ KELTOP_VALGRIND_PACKAGES=(
 # What building for Windows needs.
 KELTOP_WINDOWS_PACKAGES=(
   "g++-mingw-w64-x86-64-posix:the compiler for Windows"
+  "ccache:keeps what was compiled"
   "cmake:the build system"
   "ninja-build:runs the build"
   "ccache:keeps what was compiled"
@@ -76,6 +78,7 @@ KELTOP_WINDOWS_PACKAGES=(
 KELTOP_WINE_PACKAGES=(
   "wine:runs Windows programs"
   "wine64:runs 64-bit Windows programs"
+  "binutils-mingw-w64-x86-64:reads the program file in tests"
   "python3-pytest-rerunfailures:runs a test again in which Wine lost the start of a program"
 )
 
@@ -104,6 +107,7 @@ KELTOP_BENCH_PACKAGES=(
 # What making the Debian package needs besides.
 KELTOP_DEB_PACKAGES=(
   "dpkg-dev:finds what the package depends on"
+  "file:finds what the package depends on"
 )
 
 # What the trial in a fresh Debian system needs.

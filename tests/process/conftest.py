@@ -7,8 +7,10 @@ import contextlib
 import fcntl
 import io
 import os
+import pathlib
 import pty
 import re
+import resource
 import select
 import shlex
 import shutil
@@ -30,7 +32,7 @@ import wine
 LONG = float(os.environ.get("KELTOP_TEST_PATIENCE", "20"))
 SLOWNESS = LONG / 20  # how much longer than usually what is meant to be prompt may take
 
-WORKERS = 16  # connections that a listener serves at the same time
+WORKERS = 16  # connections at the same time, where a crowd is not what is tested
 
 AS_NOBODY = {"user": 65534, "group": 65534, "extra_groups": []}
 
@@ -72,8 +74,15 @@ def port_in_use(keltop, port):
 
 
 def windows_cannot(reason):
-    """Marks a test that tells of something that is not so on Windows, or not under Wine."""
+    """Marks a test that tells of something that is not so on Windows."""
     return pytest.mark.skipif("config.getoption('--keltop').endswith('.exe')", reason=reason)
+
+
+def wine_cannot(reason, *versions):
+    """Marks a test of something that these versions of Wine do otherwise than Windows does. Under others it is run."""
+    own = f"__import__('wine').version() in {versions!r}"
+    return pytest.mark.skipif(f"config.getoption('--keltop').endswith('.exe') and {own}",
+                              reason=f"Wine {' and '.join(versions)} {reason}")
 
 
 def pytest_addoption(parser):
@@ -119,6 +128,32 @@ def wine_prefix(request):
         wine.remove_prefix(prefix)
 
 
+@pytest.fixture(scope="session")
+def build(request):
+    """The folder of the build under test."""
+    return pathlib.Path(request.config.getoption("--keltop")).absolute().parent
+
+
+@pytest.fixture(scope="session")
+def released(build):
+    """Lets a test run with the build that is released only: what it tells of is in no other, or the same."""
+    settings = (build / "CMakeCache.txt").read_text(encoding="utf-8")
+    if not re.search(r"^CMAKE_BUILD_TYPE:\w+=Release$", settings, re.MULTILINE) or not re.search(
+            r"^KELTOP_SANITIZE:\w+=$", settings, re.MULTILINE):
+        pytest.skip("about the build that is released")
+
+
+def soft_descriptor_limit(wanted):
+    """For a process that is about to start: the limit that it finds, which it may raise."""
+    _, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (min(wanted, hard), hard))
+
+
+def raise_descriptor_limit():
+    """Lets the tests open as many sockets as the system allows."""
+    soft_descriptor_limit(1 << 20)
+
+
 def free_port():
     """A TCP port that nobody listens on, on any local address."""
     with socket.socket() as probe:
@@ -141,6 +176,11 @@ def eventually(condition, timeout=LONG, what="condition"):
 def unread_bytes(pipe):
     """How many bytes wait in a pipe."""
     return struct.unpack("i", fcntl.ioctl(pipe, termios.FIONREAD, bytes(4)))[0]
+
+
+def unsent_bytes(connection):
+    """How many sent bytes the other end's system has not taken yet."""
+    return struct.unpack("i", fcntl.ioctl(connection, termios.TIOCOUTQ, bytes(4)))[0]
 
 
 class Output:
@@ -223,6 +263,12 @@ class Running:
     @property
     def output(self):
         return self._collected.output
+
+    @property
+    def resident_kib(self):
+        """The memory of a Linux process that is really there."""
+        with open(f"/proc/{self.process.pid}/status", encoding="ascii") as file:
+            return int(re.search(r"VmRSS:\s+(\d+) kB", file.read())[1])
 
     def wait_for(self, text, **limits):
         try:

@@ -1,5 +1,6 @@
 """Trace files, written by real processes."""
 
+import datetime
 import os
 import random
 import re
@@ -9,6 +10,7 @@ import subprocess
 import tempfile
 import threading
 import time
+import zoneinfo
 
 import pytest
 
@@ -105,6 +107,41 @@ def test_the_echo_carries_the_time_stamp_of_the_file(keltop):
     done = keltop.run("-h")
     stamp = re.search(TIME_STAMP, ECHOED_BANNER.search(done.stdout)[0])[0]
     assert re.search(rb" " + stamp + rb" 00000006 KELTOP", live(keltop))
+
+
+@linux_files
+@pytest.mark.parametrize("zone", ["Etc/UTC", "Europe/Dublin", "Australia/Lord_Howe", "Africa/Casablanca", "Asia/Kathmandu",
+                                  "America/St_Johns", "Pacific/Kiritimati", "Antarctica/Troll"])
+def test_time_stamps_are_the_local_wall_clock(keltop, zone):
+    place = zoneinfo.ZoneInfo(zone)
+    before = datetime.datetime.now(place).replace(tzinfo=None)
+    keltop.run("-h", env={**keltop.env, "TZ": zone})
+    after = datetime.datetime.now(place).replace(tzinfo=None)
+    stamps = re.findall(TIME_STAMP, live(keltop))
+    assert len(stamps) == 2
+    for stamp in stamps:
+        time_of_line = datetime.datetime.strptime(stamp.decode() + "000", "%Y/%m/%d-%H:%M:%S:%f")
+        assert before - datetime.timedelta(milliseconds=1) <= time_of_line <= after
+
+
+@linux_files
+def test_a_change_of_the_offset_is_in_the_next_line(keltop, trace_agent):
+    """A process whose zone goes to summer time while it traces."""
+    change = datetime.datetime.now(datetime.timezone.utc).replace(microsecond=0) + datetime.timedelta(seconds=3)
+    day = (change - change.replace(month=1, day=1)).days + 1  # counted from 1 January, without a 29 February
+    if change.year % 4 == 0 and change.month > 2:
+        day -= 1
+    keltop.env["TZ"] = f"AAA0BBB-1,J{day}/{change:%H:%M:%S},J{(day + 180) % 365 + 1}"
+    agent = trace_agent("steps")
+    while datetime.datetime.now(datetime.timezone.utc) < change + datetime.timedelta(seconds=1):
+        agent.write("line")
+    stamps = [datetime.datetime.strptime(stamp.decode() + "000", "%Y/%m/%d-%H:%M:%S:%f")
+              for stamp in re.findall(TIME_STAMP, live(keltop))]
+    local = change.replace(tzinfo=None)
+    hour = datetime.timedelta(hours=1)
+    assert any(stamp < local for stamp in stamps) and any(stamp >= local + hour for stamp in stamps)
+    assert not [stamp for stamp in stamps if local <= stamp < local + hour]
+    assert stamps == sorted(stamps)
 
 
 def test_without_the_trace_the_output_is_the_help_alone(keltop):

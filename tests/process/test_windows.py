@@ -61,6 +61,18 @@ def test_the_system_shows_no_boxes(keltop):
     assert (done.stderr.split(), done.returncode) == ([b"before", b"0", b"after", b"3"], 0)
 
 
+def test_it_is_hardened(keltop):
+    told = headers(keltop)
+    characteristics = told[told.index("DllCharacteristics"):].split("SizeOfStackReserve")[0].split()
+    assert {"HIGH_ENTROPY_VA", "DYNAMIC_BASE", "NX_COMPAT"} <= set(characteristics)
+    # It can be put anywhere: it has the list of what changes then, and may be above 4 GB.
+    assert int(re.search(r"([0-9a-f]+) Base Relocation Directory", told)[1], 16) > 0
+    assert int(re.search(r"^ImageBase\s+([0-9a-f]+)", told, re.MULTILINE)[1], 16) >= 1 << 32
+    # Guarded returns: what the guard says is in the program only where something calls it.
+    with open(keltop.command[-1], "rb") as file:
+        assert b"*** stack smashing detected ***" in file.read()
+
+
 # Ending
 
 

@@ -353,6 +353,16 @@ TEST(RegisterModule, theFirstRegistrationStays) {
   EXPECT_EQ(control.registry_.at(7).rotationFlag(), 7);
 }
 
+TEST(RegisterModule, numberZeroIsRefusedWithoutALookAtTheRegistry) {
+  Controller control(LogsControl::Writer::none);
+  ASSERT_EQ(control.moduleLock_.lock(0), platform::kWaitObject);
+  std::future<bool> registered =
+      std::async(std::launch::async, [&control] { return control.registerModule(1, 0, ""); });
+  EXPECT_EQ(registered.wait_for(std::chrono::seconds(5)), std::future_status::ready) << "half of what it would wait";
+  EXPECT_FALSE(registered.get());
+  control.moduleLock_.unlock();
+}
+
 TEST(RegisterModule, aRegistryThatIsNotFreeWithinTenSecondsRefuses) {
   Controller control(LogsControl::Writer::none);
   ASSERT_EQ(control.moduleLock_.lock(0), platform::kWaitObject);

@@ -150,6 +150,17 @@ TEST_F(ZSockets, afterAFailedConnectTheContextOutlivesTheSocketThatIsOpen) {
   EXPECT_EQ(pull.receive(), Parts{"text"});
 }
 
+TEST_F(ZSockets, aConnectIsAUserOfTheContextWhileItLasts) {
+  keeper_.reset();
+  ASSERT_EQ(sharedState().context, nullptr);
+  for (int (ZPush::*const attach)(const std::string&) : {&ZPush::connect, &ZPush::bind}) {
+    sharedState().context = ::zmq_ctx_new();
+    ZPush push;
+    EXPECT_EQ((push.*attach)("nonsense"), -1);
+    EXPECT_EQ(sharedState().context, nullptr) << "it was the last one";
+  }
+}
+
 TEST_F(ZSockets, aSocketIsCountedUntilItIsClosed) {
   const Peer pull(ZMQ_PULL);
   {

@@ -25,10 +25,7 @@ milliseconds patienceUntil(WaitDeadline deadline) noexcept {
 }  // namespace
 
 std::uint32_t KernelObject::wait(std::uint32_t milliseconds) {
-  WaitDeadline deadline;
-  if (milliseconds != kInfinite) {
-    deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
-  }
+  const WaitDeadline deadline = deadlineIn(milliseconds);
   std::unique_lock<std::mutex> guard(guard_);
   std::uint32_t result = tryTake(deadline);
   if (result != kWaitTimeout || milliseconds == 0) {
@@ -38,7 +35,7 @@ std::uint32_t KernelObject::wait(std::uint32_t milliseconds) {
   for (;;) {
     // Looked at again with the watch in place, so that no change falls between the look and the wait.
     result = tryTake(deadline);
-    if (result != kWaitTimeout || (deadline && std::chrono::steady_clock::now() >= *deadline)) {
+    if (result != kWaitTimeout || hasPassed(deadline)) {
       return result;
     }
     changes->wait(guard, deadline);
@@ -46,7 +43,7 @@ std::uint32_t KernelObject::wait(std::uint32_t milliseconds) {
 }
 
 std::uint32_t KernelObject::tryTake(WaitDeadline deadline) {
-  if (type_ == ObjectType::mutex) {
+  if (type() == ObjectType::mutex) {
     return tryOwn();
   }
   const std::optional<ObjectState> state = readState();
@@ -56,7 +53,7 @@ std::uint32_t KernelObject::tryTake(WaitDeadline deadline) {
   if (state->value == 0) {
     return kWaitTimeout;
   }
-  return type_ == ObjectType::event ? kWaitObject : tryCount(deadline);
+  return type() == ObjectType::event ? kWaitObject : tryCount(deadline);
 }
 
 /// Takes one of a semaphore's count.

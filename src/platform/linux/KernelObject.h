@@ -8,36 +8,21 @@
 
 #include "platform/linux/OwnedMutexes.h"
 #include "platform/linux/StateFile.h"
+#include "platform/linux/WaitableObject.h"
 
 namespace keltop::platform {
 
-/// When a wait ends; nothing means never.
-using WaitDeadline = std::optional<std::chrono::steady_clock::time_point>;
-
-/// One event, mutex or semaphore: the rules that are the same whether it belongs to this process alone or to the
-/// machine. What differs, where the state lies and how a change is noticed, is the derived classes'.
-class KernelObject : public std::enable_shared_from_this<KernelObject> {
+/// An event, mutex or semaphore whose state others may change, too: the rules of the operations. Where the state lies
+/// and how a change is noticed is the derived class's.
+class KernelObject : public WaitableObject, public std::enable_shared_from_this<KernelObject> {
  public:
-  explicit KernelObject(ObjectType type) noexcept : type_(type) {}
-  virtual ~KernelObject() = default;
-  KernelObject(const KernelObject&) = delete;
-  KernelObject& operator=(const KernelObject&) = delete;
+  using WaitableObject::WaitableObject;
 
-  [[nodiscard]] ObjectType type() const noexcept { return type_; }
-
-  /// One of the wait codes.
-  [[nodiscard]] std::uint32_t wait(std::uint32_t milliseconds);
-
-  /// These give 0 or an error number.
-  [[nodiscard]] std::uint32_t setEvent();
-  [[nodiscard]] std::uint32_t releaseMutex();
-  [[nodiscard]] std::uint32_t releaseSemaphore();
-
-  /// The calling thread ends: if it owns the mutex, the next waiter learns that it was abandoned.
-  void abandon() noexcept;
-
-  /// A handle to the object was closed.
-  virtual void handleClosed() noexcept {}
+  [[nodiscard]] std::uint32_t wait(std::uint32_t milliseconds) override;
+  [[nodiscard]] std::uint32_t setEvent() override;
+  [[nodiscard]] std::uint32_t releaseMutex() override;
+  [[nodiscard]] std::uint32_t releaseSemaphore() override;
+  void abandon() noexcept override;
 
  protected:
   /// Waits for a change of the object during one wait call; made before the last look that finds it unsignalled.
@@ -71,7 +56,6 @@ class KernelObject : public std::enable_shared_from_this<KernelObject> {
   [[nodiscard]] std::uint32_t tryCount(WaitDeadline deadline);
   [[nodiscard]] std::uint32_t tryOwn();
 
-  const ObjectType type_;
   std::uint64_t owner_ = 0;  ///< the owning thread's number, 0 for none
   std::uint32_t holds_ = 0;  ///< how often the owner holds the mutex
   OwnedPlace owned_;         ///< in the owner's list
