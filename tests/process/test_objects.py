@@ -53,6 +53,15 @@ def cpu_nanoseconds(agent):
     return total
 
 
+def all_stopped(agent):
+    """Whether a stop has reached every thread of the process."""
+    states = set()
+    for path in glob.glob(f"/proc/{agent.process.pid}/task/*/stat"):
+        with open(path, encoding="ascii") as file:
+            states.add(file.read().rsplit(")", 1)[1].split()[0])
+    return states == {"T"}
+
+
 def blocked(agent):
     """Whether the process sleeps, so that a command it was told is being waited in."""
     with open(f"/proc/{agent.process.pid}/stat", encoding="ascii") as file:
@@ -772,6 +781,7 @@ def test_a_stopped_holder_of_an_object_without_a_file_leads_to_no_second_one(age
     handle, _ = one.obtain("create-event", "E")
     remove(the_file(agents))
     one.process.send_signal(signal.SIGSTOP)
+    eventually(lambda: all_stopped(one))
     begin = time.monotonic()
     assert two.obtain("create-event", "E") == ("0", BUSY)
     assert time.monotonic() - begin < 2 + LONG / 4
