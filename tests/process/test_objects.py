@@ -16,7 +16,7 @@ import time
 
 import pytest
 
-from conftest import AS_NOBODY, LONG, as_root, eventually, for_everybody
+from conftest import AS_NOBODY, LONG, all_stopped, as_root, eventually, for_everybody
 
 OBJECT, ABANDONED, TIMEOUT, FAILED = 0, 128, 258, 0xFFFFFFFF
 NONE, NOT_FOUND, DENIED, BAD_HANDLE, BAD_DATA, BUSY, EXISTS = 0, 2, 5, 6, 13, 170, 183
@@ -51,15 +51,6 @@ def cpu_nanoseconds(agent):
         with open(path, encoding="ascii") as file:
             total += int(file.read().split()[0])
     return total
-
-
-def all_stopped(agent):
-    """Whether a stop has reached every thread of the process."""
-    states = set()
-    for path in glob.glob(f"/proc/{agent.process.pid}/task/*/stat"):
-        with open(path, encoding="ascii") as file:
-            states.add(file.read().rsplit(")", 1)[1].split()[0])
-    return states == {"T"}
 
 
 def blocked(agent):
