@@ -22,6 +22,8 @@
 #include "servers/RawPacketConnectionFactory.h"
 #include "servers/RestRequestHandlerFactory.h"
 #include "trace/StopTrace.h"
+#include "view/PageServer.h"
+#include "view/TrafficLog.h"
 
 namespace keltop {
 
@@ -41,6 +43,20 @@ std::unique_ptr<net::Server> makeServer(bool raw, const net::ServerOptions& opti
   }
   return std::make_unique<net::Server>(options, Poco::makeShared<RestRequestHandlerFactory>());
 }
+
+/// The live page and what it shows, where it is asked for.
+struct View {
+  view::TrafficLog log;
+  std::unique_ptr<view::PageServer> page{};
+
+  void open(const view::Listener& listener, const std::string& port, ConsoleStream& console) {
+    page = std::make_unique<view::PageServer>(log, listener, port);
+    console << "View: http://127.0.0.1:" << page->port() << "/\r\n" << std::endl;
+  }
+
+  /// Whether every browser's connection has ended.
+  [[nodiscard]] bool stop() { return page == nullptr || page->stop(kWorkersGrace); }
+};
 
 /// Ends the process where the trace does not end in time: what is left of it is its last line.
 void endTrace(int exitCode) {
@@ -79,11 +95,17 @@ int listen(const SwitchMap& switches) {
   console << "Press Ctrl-C to stop.\n"
           << "Listening on: " << port << "\r\n"
           << std::endl;
+  const bool raw = findSwitch(switches, "RAW") != nullptr;
+  const std::string* viewPort = findSwitch(switches, "VIEW");
+  const auto shown = viewPort == nullptr ? nullptr : std::make_unique<View>();
   int exitCode = 0;
   std::unique_ptr<net::Server> server;
   try {
     // The socket takes the low 16 bits of whatever number was given, on purpose.
-    server = makeServer(findSwitch(switches, "RAW") != nullptr, {.port = static_cast<std::uint16_t>(port)});
+    server = makeServer(raw, {.port = static_cast<std::uint16_t>(port), .watcher = shown ? &shown->log : nullptr});
+    if (shown) {
+      shown->open({raw, server->port()}, *viewPort, console);
+    }
     server->start();
     const std::uint32_t ended = platform::waitForObject(shutdown.handle(), platform::kInfinite);
     server->stop();
@@ -94,7 +116,8 @@ int listen(const SwitchMap& switches) {
     console << "Error: " << error.displayText() << std::endl;
     exitCode = 1;
   }
-  const bool finished = server == nullptr || server->finish(kWorkersGrace);
+  const bool pageFinished = shown == nullptr || shown->stop();
+  const bool finished = (server == nullptr || server->finish(kWorkersGrace)) && pageFinished;
   platform::stopWaitingForOutput();
   endTrace(exitCode);
   if (!finished) {
