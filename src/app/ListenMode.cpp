@@ -1,13 +1,7 @@
 #include "app/ListenMode.h"
 
 #include <Poco/Exception.h>
-#include <Poco/Net/HTTPServer.h>
-#include <Poco/Net/HTTPServerParams.h>
-#include <Poco/Net/ServerSocket.h>
-#include <Poco/Net/SocketAddress.h>
-#include <Poco/Net/SocketImpl.h>
-#include <Poco/Net/TCPServer.h>
-#include <Poco/ThreadPool.h>
+#include <Poco/SharedPtr.h>
 
 #include <chrono>
 #include <cstdint>
@@ -15,16 +9,16 @@
 #include <memory>
 #include <string>
 #include <system_error>
-#include <thread>
 
+#include "net/Server.h"
 #include "platform/KernelObjects.h"
-#include "platform/ListenPort.h"
 #include "platform/Process.h"
 #include "platform/StandardOutput.h"
 #include "product/ConsoleStream.h"
 #include "product/ParseNumber.h"
 #include "product/ShutdownEvent.h"
 #include "semaphore/EventSemaphore.h"
+#include "servers/RawPacketConnection.h"
 #include "servers/RawPacketConnectionFactory.h"
 #include "servers/RestRequestHandlerFactory.h"
 #include "trace/StopTrace.h"
@@ -33,43 +27,19 @@ namespace keltop {
 
 namespace {
 
-constexpr int kBacklog = 64;
-
 /// How long a stopped server's workers may take to finish what they are at.
 constexpr auto kWorkersGrace = std::chrono::milliseconds(200);
-constexpr auto kWorkersLook = std::chrono::milliseconds(2);
 
 /// How long the trace may take to end: somebody may keep its file's mutex, or have stopped reading what it echoes.
 constexpr auto kTraceGrace = std::chrono::seconds(2);
 
-/// Not ServerSocket(port): that also lets a second program listen on the port, unnoticed by both.
-Poco::Net::ServerSocket listenOn(std::uint16_t port) {
-  const Poco::Net::SocketAddress address(port);
-  Poco::Net::ServerSocket socket;
-  socket.init(address.af());
-  platform::prepareListenSocket(static_cast<std::uintptr_t>(socket.impl()->sockfd()));
-  socket.bind(address, false, false);
-  socket.listen(kBacklog);
-  return socket;
-}
-
-std::unique_ptr<Poco::Net::TCPServer> makeServer(bool raw, const Poco::Net::ServerSocket& socket) {
+std::unique_ptr<net::Server> makeServer(bool raw, const net::ServerOptions& options) {
   if (raw) {
-    return std::make_unique<Poco::Net::TCPServer>(Poco::makeShared<RawPacketConnectionFactory>(), socket);
+    return std::make_unique<net::Server>(
+        options, Poco::makeShared<RawPacketConnectionFactory>(),
+        net::SocketTimeouts{.send = RawPacketConnection::timeout(), .receive = RawPacketConnection::timeout()});
   }
-  return std::make_unique<Poco::Net::HTTPServer>(Poco::makeShared<RestRequestHandlerFactory>(), socket,
-                                                 Poco::makeAuto<Poco::Net::HTTPServerParams>());
-}
-
-bool workersFinish() {
-  const auto deadline = std::chrono::steady_clock::now() + kWorkersGrace;
-  while (Poco::ThreadPool::defaultPool().used() > 0) {
-    if (std::chrono::steady_clock::now() >= deadline) {
-      return false;
-    }
-    std::this_thread::sleep_for(kWorkersLook);
-  }
-  return true;
+  return std::make_unique<net::Server>(options, Poco::makeShared<RestRequestHandlerFactory>());
 }
 
 /// Ends the process where the trace does not end in time: what is left of it is its last line.
@@ -82,15 +52,6 @@ void endTrace() {
   } catch (const std::system_error&) {
     stopTrace();  // no thread to be had: then it takes as long as it takes
   }
-}
-
-void serve(bool raw, std::int32_t port, platform::ObjectHandle shutdown) {
-  // The socket takes the low 16 bits of whatever number was given, on purpose.
-  const Poco::Net::ServerSocket socket = listenOn(static_cast<std::uint16_t>(port));
-  const std::unique_ptr<Poco::Net::TCPServer> server = makeServer(raw, socket);
-  server->start();
-  (void)platform::waitForObject(shutdown, platform::kInfinite);
-  server->stop();
 }
 
 }  // namespace
@@ -115,13 +76,18 @@ int listen(const SwitchMap& switches) {
   console << "Press Ctrl-C to stop.\n"
           << "Listening on: " << port << "\r\n"
           << std::endl;
+  std::unique_ptr<net::Server> server;
   try {
-    serve(findSwitch(switches, "RAW") != nullptr, port, shutdown.handle());
+    // The socket takes the low 16 bits of whatever number was given, on purpose.
+    server = makeServer(findSwitch(switches, "RAW") != nullptr, {.port = static_cast<std::uint16_t>(port)});
+    server->start();
+    (void)platform::waitForObject(shutdown.handle(), platform::kInfinite);
+    server->stop();
   } catch (const Poco::Exception& error) {
     console << "Error: " << error.displayText() << std::endl;
     return 1;
   }
-  const bool finished = workersFinish();
+  const bool finished = server->finish(kWorkersGrace);
   platform::stopWaitingForOutput();
   endTrace();
   if (!finished) {

@@ -3,6 +3,7 @@
 #include <Poco/Exception.h>
 #include <Poco/Timespan.h>
 
+#include <algorithm>
 #include <string>
 
 #include "product/ConsoleStream.h"
@@ -14,14 +15,13 @@ namespace keltop {
 
 namespace {
 
-constexpr long kSocketTimeoutSeconds = 10;
 constexpr long kPollSeconds = 2;
 
 }  // namespace
 
 void RawPacketConnection::run() {
-  socket().setSendTimeout(Poco::Timespan(kSocketTimeoutSeconds, 0));
-  socket().setReceiveTimeout(Poco::Timespan(kSocketTimeoutSeconds, 0));
+  socket().setSendTimeout(timeout());
+  socket().setReceiveTimeout(timeout());
   // Held for the connection's life, which keeps the event in being; not waited on, and not having it is no error.
   SEMAPHORE::EventSemaphore shutdown;
   shutdown.open(kShutdownEventName);
@@ -42,28 +42,35 @@ void RawPacketConnection::printUntilClosed(ConsoleStream& console) {
   ReadAhead peer(socket());
   bool closed = false;
   while (!closed) {
+    peer.release();  // a silent peer holds no room
     if (!socket().poll(Poco::Timespan(kPollSeconds, 0), Poco::Net::Socket::SELECT_READ)) {
       continue;
     }
-    Buffer buffer = {};
     try {
-      closed = printBurst(console, peer, buffer);
+      closed = printBurst(console, peer);
     } catch (const Poco::TimeoutException&) {
       // A pause in what the peer sends; the connection stays.
     }
   }
 }
 
-bool RawPacketConnection::printBurst(ConsoleStream& console, ReadAhead& peer, Buffer& buffer) {
+bool RawPacketConnection::printBurst(ConsoleStream& console, ReadAhead& peer) {
   for (;;) {
-    if (peer.drained()) {
-      console.flush();  // the next read may wait, and what came must be seen
-    }
-    const int count = peer.receiveByte(buffer.front());
+    const int count = peer.receive();
     if (count <= 0) {
       return count == 0;
     }
-    console << buffer.data();  // as a terminated text: a zero byte shows nothing
+    printBytes(console, peer.received());
+    console.flush();  // the next read may wait, and what came must be seen
+  }
+}
+
+/// Byte by byte, each as a terminated text: a zero byte shows nothing, and what lies between two of them is one piece.
+void RawPacketConnection::printBytes(ConsoleStream& console, std::string_view bytes) {
+  for (std::size_t begin = 0; begin < bytes.size();) {
+    const std::size_t end = std::min(bytes.find('\0', begin), bytes.size());
+    console.append(bytes.substr(begin, end - begin));
+    begin = end + 1;
   }
 }
 

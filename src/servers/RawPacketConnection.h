@@ -1,8 +1,9 @@
 #pragma once
 
 #include <Poco/Net/TCPServerConnection.h>
+#include <Poco/Timespan.h>
 
-#include <array>
+#include <string_view>
 
 namespace keltop {
 
@@ -17,13 +18,14 @@ class RawPacketConnection : public Poco::Net::TCPServerConnection {
   ~RawPacketConnection() override = default;
   void run() override;
 
- private:
-  /// One byte is stored at its start, so that it always reads as a text of at most one character.
-  using Buffer = std::array<char, 2049>;
+  /// How long sending and receiving may take at a time.
+  [[nodiscard]] static Poco::Timespan timeout() { return {10, 0}; }
 
+ private:
   void printUntilClosed(ConsoleStream& console);
   /// Prints while bytes come; true when the peer has closed.
-  bool printBurst(ConsoleStream& console, ReadAhead& peer, Buffer& buffer);
+  bool printBurst(ConsoleStream& console, ReadAhead& peer);
+  static void printBytes(ConsoleStream& console, std::string_view bytes);
 };
 
 }  // namespace keltop

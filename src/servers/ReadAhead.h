@@ -3,30 +3,36 @@
 #include <Poco/Net/StreamSocket.h>
 
 #include <cstddef>
-#include <vector>
+#include <memory>
+#include <string_view>
 
 namespace keltop {
 
-/// Gives a socket's bytes one at a time and receives them many at a time.
+/// Receives from a socket many bytes at a time. The room for them is there only while it is needed: it begins small,
+/// doubles as long as the peer fills it, and can be given back when the peer pauses.
 class ReadAhead {
  public:
   /// The socket must outlive this object.
-  explicit ReadAhead(Poco::Net::StreamSocket& socket) : socket_(socket), received_(kSize) {}
+  explicit ReadAhead(Poco::Net::StreamSocket& socket) : socket_(socket) {}
 
-  /// As receiving one byte from the socket: 1 with the byte stored, 0 when the peer has closed, negative when there is
-  /// nothing to read now; a time-out or a reset is the library's exception. Bytes received before come first.
-  int receiveByte(char& byte);
+  /// As receiving from the socket: the count of bytes, 0 when the peer has closed, negative when there is nothing to
+  /// read now; a time-out or a reset is the library's exception.
+  int receive();
 
-  /// True when the next byte must come from the socket, which may wait.
-  [[nodiscard]] bool drained() const noexcept { return next_ == end_; }
+  /// What the last call received; valid until the next one, or release.
+  [[nodiscard]] std::string_view received() const noexcept { return {room_.get(), count_}; }
+
+  /// Gives the room back.
+  void release() noexcept;
 
  private:
-  static constexpr std::size_t kSize = 65536;
+  static constexpr std::size_t kLeast = std::size_t{4} << 10U;
+  static constexpr std::size_t kMost = std::size_t{256} << 10U;
 
   Poco::Net::StreamSocket& socket_;
-  std::vector<char> received_;
-  std::size_t next_ = 0;
-  std::size_t end_ = 0;
+  std::unique_ptr<char[]> room_;
+  std::size_t size_ = 0;
+  std::size_t count_ = 0;
 };
 
 }  // namespace keltop

@@ -9,6 +9,7 @@ import io
 import os
 import pty
 import re
+import resource
 import select
 import shlex
 import shutil
@@ -30,7 +31,7 @@ import wine
 LONG = float(os.environ.get("KELTOP_TEST_PATIENCE", "20"))
 SLOWNESS = LONG / 20  # how much longer than usually what is meant to be prompt may take
 
-WORKERS = 16  # connections that a listener serves at the same time
+WORKERS = 16  # connections at the same time, where a crowd is not what is tested
 
 AS_NOBODY = {"user": 65534, "group": 65534, "extra_groups": []}
 
@@ -117,6 +118,17 @@ def wine_prefix(request):
         yield
     finally:
         wine.remove_prefix(prefix)
+
+
+def soft_descriptor_limit(wanted):
+    """For a process that is about to start: the limit that it finds, which it may raise."""
+    _, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (min(wanted, hard), hard))
+
+
+def raise_descriptor_limit():
+    """Lets the tests open as many sockets as the system allows."""
+    soft_descriptor_limit(1 << 20)
 
 
 def free_port():
@@ -223,6 +235,12 @@ class Running:
     @property
     def output(self):
         return self._collected.output
+
+    @property
+    def resident_kib(self):
+        """The memory of a Linux process that is really there."""
+        with open(f"/proc/{self.process.pid}/status", encoding="ascii") as file:
+            return int(re.search(r"VmRSS:\s+(\d+) kB", file.read())[1])
 
     def wait_for(self, text, **limits):
         try:

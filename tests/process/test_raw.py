@@ -1,8 +1,10 @@
 """The raw listener: what peers send is shown as it comes, and nothing is answered."""
 
 import contextlib
+import errno
 import os
 import random
+import select
 import socket
 import statistics
 import subprocess
@@ -11,7 +13,8 @@ import time
 
 import pytest
 
-from conftest import HEAD, LONG, SLOWNESS, WORKERS, eventually, listening_on, windows_cannot, without_trace
+from conftest import (HEAD, LONG, SLOWNESS, WORKERS, eventually, listening_on, raise_descriptor_limit,
+                      soft_descriptor_limit, windows_cannot, without_trace)
 from peers import reset
 
 ANY = ("127.0.0.1", 0)
@@ -43,6 +46,19 @@ class Listener:
 
     def connect(self, source=ANY):
         return self._peers.enter_context(socket.create_connection(("127.0.0.1", self.port), LONG, source))
+
+    def crowd(self, count):
+        """So many connected peers, which all began to connect at once."""
+        made = [self._peers.enter_context(socket.socket()) for _ in range(count)]
+        for peer in made:
+            peer.setblocking(False)
+            assert peer.connect_ex(("127.0.0.1", self.port)) in (0, errno.EINPROGRESS)
+        for peer in made:
+            peer.settimeout(LONG)
+            waiting = select.poll()
+            waiting.register(peer, select.POLLOUT)
+            assert waiting.poll(1000 * LONG) and peer.getsockopt(socket.SOL_SOCKET, socket.SO_ERROR) == 0
+        return made
 
     def peer(self, source=ANY):
         """A connected peer that is being shown."""
@@ -310,7 +326,7 @@ def test_bytes_appear_while_a_burst_goes_on(raw):
 # Several peers
 
 
-def test_sixteen_peers_at_once_are_all_shown(raw):
+def test_several_peers_at_once_are_all_shown(raw):
     each = 5_000
     peers = [raw.peer() for _ in range(WORKERS)]
     begins, ends = [connected(peer) for peer in peers], [disconnected(peer) for peer in peers]
@@ -332,15 +348,33 @@ def test_sixteen_peers_at_once_are_all_shown(raw):
     assert len(shown) == sum(map(len, begins + ends))
 
 
-def test_a_peer_beyond_sixteen_is_shown_when_another_has_gone(raw):
-    peers = [raw.peer() for _ in range(WORKERS)]
-    waiting = raw.connect()
-    waiting.sendall(b"waited")
-    with pytest.raises(AssertionError):
-        raw.running.wait_for(connected(waiting), timeout=0.3)
-    peers[3].close()
-    raw.running.wait_for(connected(waiting))
-    raw.running.wait_for(b"waited")
+def test_a_thousand_peers_at_once_are_all_shown(keltop):
+    """Each is shown while all are connected, from beginning to end in its order, and costs little."""
+    raise_descriptor_limit()
+    count = 200 if keltop.windows else 1000
+    few_descriptors = {} if keltop.windows else {"preexec_fn": lambda: soft_descriptor_limit(256)}
+    with contextlib.closing(Listener(keltop, **few_descriptors)) as raw:
+        begin = time.monotonic()
+        peers = raw.crowd(count)
+        for number, peer in enumerate(peers):
+            peer.sendall(b"<first %d>\n" % number)
+        eventually(lambda: raw.running.output.count(b"<first ") == count, what="every first line")
+        print(f"{count} peers shown after {time.monotonic() - begin:.2f} s")
+        for number, peer in enumerate(peers):
+            peer.sendall(b"<second %d>\n" % number)
+        eventually(lambda: raw.running.output.count(b"<second ") == count, what="every second line")
+        shown = raw.shown
+        for number, peer in enumerate(peers):
+            assert shown.count(connected(peer)) == 1
+            first, second = shown.find(b"<first %d>\n" % number), shown.find(b"<second %d>\n" % number)
+            assert -1 < shown.find(connected(peer)) < first < second
+        if not keltop.windows:
+            print(f"{raw.running.resident_kib} KiB resident")
+            assert raw.running.resident_kib <= 48 * 1024
+        begin = time.monotonic()
+        assert b"Disconnect" not in raw.end()
+        print(f"ended in {time.monotonic() - begin:.2f} s")
+        assert time.monotonic() - begin < 1 * SLOWNESS
 
 
 def test_peers_one_after_another(raw):

@@ -1,12 +1,15 @@
 #include <Poco/Net/ServerSocket.h>
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/Net/StreamSocket.h>
+#include <Poco/Net/StreamSocketImpl.h>
 #include <gtest/gtest.h>
 
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "servers/ReadAhead.h"
+#include "support/ScriptedSocket.h"
 
 namespace keltop {
 namespace {
@@ -32,49 +35,31 @@ class ReadAheadTest : public testing::Test {
   StreamSocket socket_;
 };
 
-TEST_F(ReadAheadTest, givesByteAfterByteAndThenTheEnd) {
+TEST_F(ReadAheadTest, givesWhatHasComeAndThenTheEnd) {
   send("AB");
   peer_.close();
   ReadAhead ahead(socket_);
-  char byte = 0;
-  EXPECT_TRUE(ahead.drained());
-  EXPECT_EQ(ahead.receiveByte(byte), 1);
-  EXPECT_EQ(byte, 'A');
-  EXPECT_EQ(ahead.receiveByte(byte), 1);
-  EXPECT_EQ(byte, 'B');
-  EXPECT_TRUE(ahead.drained());
-  EXPECT_EQ(ahead.receiveByte(byte), 0);
-  EXPECT_EQ(byte, 'B');
-}
-
-TEST_F(ReadAheadTest, tellsWhenTheNextByteMustComeFromTheSocket) {
-  send("AB");
-  ASSERT_TRUE(socket_.poll(Poco::Timespan(10, 0), StreamSocket::SELECT_READ));
-  ReadAhead ahead(socket_);
-  char byte = 0;
-  ASSERT_EQ(ahead.receiveByte(byte), 1);
-  EXPECT_EQ(byte, 'A');
-  EXPECT_FALSE(ahead.drained());
-  EXPECT_EQ(ahead.receiveByte(byte), 1);
-  EXPECT_EQ(byte, 'B');
-  EXPECT_TRUE(ahead.drained());
+  EXPECT_EQ(ahead.received(), "");
+  EXPECT_EQ(ahead.receive(), 2);
+  EXPECT_EQ(ahead.received(), "AB");
+  EXPECT_EQ(ahead.receive(), 0);
+  EXPECT_EQ(ahead.received(), "");
 }
 
 TEST_F(ReadAheadTest, isNegativeWhereNothingCanBeReadNow) {
   socket_.setBlocking(false);
   ReadAhead ahead(socket_);
-  char byte = 'x';
-  EXPECT_LT(ahead.receiveByte(byte), 0);
-  EXPECT_EQ(byte, 'x');
+  EXPECT_LT(ahead.receive(), 0);
+  EXPECT_EQ(ahead.received(), "");
 }
 
 TEST_F(ReadAheadTest, aTimeOutIsTheLibrarysException) {
   socket_.setReceiveTimeout(Poco::Timespan(0, 20'000));
   ReadAhead ahead(socket_);
-  char byte = 0;
-  EXPECT_THROW((void)ahead.receiveByte(byte), Poco::TimeoutException);
+  EXPECT_THROW((void)ahead.receive(), Poco::TimeoutException);
+  EXPECT_EQ(ahead.received(), "");
   send("A");
-  EXPECT_EQ(ahead.receiveByte(byte), 1);
+  EXPECT_EQ(ahead.receive(), 1);
 }
 
 TEST_F(ReadAheadTest, losesNothingOfALongStream) {
@@ -88,11 +73,53 @@ TEST_F(ReadAheadTest, losesNothingOfALongStream) {
   });
   ReadAhead ahead(socket_);
   std::string received;
-  for (char byte = 0; ahead.receiveByte(byte) == 1;) {
-    received += byte;
+  while (ahead.receive() > 0) {
+    received += ahead.received();
   }
   sender.join();
   EXPECT_EQ(received, text);
+}
+
+/// What each receive had room for, and how many bytes it gives.
+struct Script {
+  std::vector<int> rooms;
+  int most = 0;
+};
+
+class CountingImpl : public Poco::Net::StreamSocketImpl {
+ public:
+  explicit CountingImpl(Script& script) : script_(script) {}
+  int receiveBytes(void* buffer, int length, int /*flags*/) override {
+    script_.rooms.push_back(length);
+    return receiveInto(buffer, length, std::string(static_cast<std::size_t>(script_.most), 'x'));
+  }
+
+ private:
+  Script& script_;
+};
+
+TEST(ReadAheadTestRoom, growsWhileThePeerFillsItUpToALimit) {
+  Script script = {.rooms = {}, .most = 1 << 20};
+  ScriptedSocket<CountingImpl> socket(script);
+  ReadAhead ahead(socket);
+  for (int i = 0; i < 8; ++i) {
+    EXPECT_GT(ahead.receive(), 0);
+  }
+  EXPECT_EQ(script.rooms, (std::vector<int>{4096, 8192, 16384, 32768, 65536, 131'072, 262'144, 262'144}));
+}
+
+TEST(ReadAheadTestRoom, staysWhereThePeerDoesNotFillItAndBeginsAnewAfterARelease) {
+  Script script = {.rooms = {}, .most = 1 << 20};
+  ScriptedSocket<CountingImpl> socket(script);
+  ReadAhead ahead(socket);
+  EXPECT_EQ(ahead.receive(), 4096);
+  script.most = 5;
+  EXPECT_EQ(ahead.receive(), 5);
+  EXPECT_EQ(ahead.receive(), 5);
+  ahead.release();
+  EXPECT_EQ(ahead.received(), "");
+  EXPECT_EQ(ahead.receive(), 5);
+  EXPECT_EQ(script.rooms, (std::vector<int>{4096, 8192, 8192, 4096}));
 }
 
 }  // namespace
