@@ -7,9 +7,11 @@
 #include <cstdint>
 #include <future>
 #include <memory>
+#include <optional>
 #include <string>
 #include <system_error>
 
+#include "app/SecureListening.h"
 #include "net/Server.h"
 #include "platform/KernelObjects.h"
 #include "platform/Process.h"
@@ -73,13 +75,19 @@ int listen(const SwitchMap& switches) {
     console << "Server not running, shutting down." << std::endl;
     return 0;
   }
-  console << "Press Ctrl-C to stop.\n"
-          << "Listening on: " << port << "\r\n"
-          << std::endl;
   std::unique_ptr<net::Server> server;
   try {
+    const std::optional<SecureListening> secure = SecureListening::fromSwitches(switches);
+    console << "Press Ctrl-C to stop.\n"
+            << "Listening on: " << port << "\r\n"
+            << std::endl;
     // The socket takes the low 16 bits of whatever number was given, on purpose.
-    server = makeServer(findSwitch(switches, "RAW") != nullptr, {.port = static_cast<std::uint16_t>(port)});
+    net::ServerOptions options = {.port = static_cast<std::uint16_t>(port)};
+    if (secure) {
+      secure->announce(console);
+      options.make = secure->makeSocket();
+    }
+    server = makeServer(findSwitch(switches, "RAW") != nullptr, options);
     server->start();
     (void)platform::waitForObject(shutdown.handle(), platform::kInfinite);
     server->stop();
