@@ -15,6 +15,7 @@
 #include <string>
 #include <system_error>
 
+#include "platform/NoDestructor.h"
 #include "platform/Settings.h"
 #include "trace/LogsControl.h"
 #include "trace/ProgramModule.h"
@@ -30,15 +31,15 @@ constexpr int kLinesPerPass = 100;
 constexpr int kThreads = 8;
 const std::string kText(80, 'x');
 
-/// The folder of both, on the same disk.
+/// The folder of both, on the same disk. Its name outlives the static controller, whose writer asks for it at the end.
 const std::string& folder() {
-  static const std::string path = [] {
+  static platform::NoDestructor<const std::string> path([] {
     std::string made =
         std::filesystem::temp_directory_path() / ("keltop-bench-" + std::to_string(std::random_device()()));
     std::filesystem::create_directories(made + "/TRACELOGS");
     return made;
-  }();
-  return path;
+  }());
+  return path.get();
 }
 
 ThreadLogData record() {

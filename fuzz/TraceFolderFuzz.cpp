@@ -49,15 +49,16 @@ constexpr std::size_t kBeginning = 65'536;
 /// The system's, but for large files, which are holes here: only their beginning is copied, and the rest stays a hole.
 extern "C" ssize_t sendfile(int out, int in, off_t* offset, std::size_t count) noexcept {
   struct stat status = {};
-  const off_t at = ::lseek(in, 0, SEEK_CUR);
-  if (::fstat(in, &status) != 0 || !S_ISREG(status.st_mode) || status.st_size < keltop::fuzz::kHoleSize || at != 0) {
+  if (::fstat(in, &status) != 0 || !S_ISREG(status.st_mode) || status.st_size < keltop::fuzz::kHoleSize ||
+      *offset != 0) {
     return ::syscall(SYS_sendfile, out, in, offset, count);
   }
   const auto copied = ::syscall(SYS_sendfile, out, in, offset, keltop::fuzz::kBeginning);
   if (copied < 0 || ::ftruncate(out, status.st_size) != 0) {
     return -1;
   }
-  return ::lseek(in, 0, SEEK_END);
+  *offset = status.st_size;
+  return status.st_size;
 }
 
 namespace keltop::fuzz {
@@ -312,9 +313,10 @@ void rotate(const Folder& folder, LogFile& log, std::uint8_t choices) {
   Entries expected = entriesOf(folder.traces());
   const bool archiveIsFolder = !expected.contains("ARCHIVE") || expected["ARCHIVE"].folder;
   Entries archive = fs::is_directory(folder.archive()) ? entriesOf(folder.archive()) : Entries();
+  const std::uintmax_t size = log.isOpen() ? fs::file_size(live) : 0;
   const bool copied = rotates && modelCopy(expected);
   if ((choices & kFull) != 0) {
-    if (rotates) {
+    if (copied) {
       modelPrune(expected);
     }
     log.checkSize();
@@ -332,6 +334,8 @@ void rotate(const Folder& folder, LogFile& log, std::uint8_t choices) {
   if (copied) {
     checkEqual("the live file", traceLine(kModule, makeRecord(kModuleNumber, ThreadLogData::kMarker, "File opened")),
                contentOf(live));
+  } else if (log.isOpen()) {
+    checkSame("the live file's size without a copy", size, fs::file_size(live));
   }
   checkEqual("what is outside", "outside", contentOf(folder.outside()));
 }

@@ -3,7 +3,7 @@
 # Arguments go to bench/bench.py: --quick, --page FILE, or the names of parts. The Windows build takes part where there is one
 # (scripts/build-windows.sh) and Wine to run it.
 set -euo pipefail
-source "$(dirname "${BASH_SOURCE[0]}")/setup.sh"
+source "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/setup.sh"
 
 need "${KELTOP_BUILD_PACKAGES[@]}" "${KELTOP_BENCH_PACKAGES[@]}"
 build bench

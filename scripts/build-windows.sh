@@ -2,7 +2,7 @@
 # Installs what the machine lacks, builds the libraries for Windows once and then keltop.exe and its test programs with
 # them, in build/windows. With --update, newer source packages of the libraries are looked for.
 set -euo pipefail
-source "$(dirname "${BASH_SOURCE[0]}")/setup.sh"
+source "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/setup.sh"
 
 need "${KELTOP_WINDOWS_PACKAGES[@]}"
 libraries=$("$KELTOP_ROOT/scripts/windows-libraries.sh" "$@")

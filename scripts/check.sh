@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# Checks the source: format, lint, the second compiler, the Windows sources. A finding of cppcheck that is none is marked
+# Checks the source: format, scripts, lint, the second compiler, the Windows sources. A finding of cppcheck that is none is marked
 # in the source, with the reason; that of unused members is off, since it sees no use through an iterator.
 set -euo pipefail
-source "$(dirname "${BASH_SOURCE[0]}")/setup.sh"
+source "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/setup.sh"
 
 need "${KELTOP_BUILD_PACKAGES[@]}" "${KELTOP_CHECK_PACKAGES[@]}"
 cd "$KELTOP_ROOT"
@@ -11,6 +11,12 @@ mapfile -t sources <<<"$listed"
 
 echo "keltop: format" >&2
 clang-format --dry-run -Werror "${sources[@]}"
+
+echo "keltop: scripts" >&2
+listed=$(git ls-files '*.sh' .ci/run packaging/linux/postrm)
+mapfile -t scripts <<<"$listed"
+shellcheck "${scripts[@]}"
+shellcheck --shell=bash packaging/linux/keltop.bash
 
 echo "keltop: build with clang" >&2
 build dev

@@ -7,7 +7,7 @@
 # What is found is left in build/fuzz/findings. Everything else that a run makes is in a folder of its own, which goes
 # with it. KELTOP_FUZZ_KEEP=1 adds what was learnt to the corpus in the repository, as few files as do.
 set -euo pipefail
-source "$(dirname "${BASH_SOURCE[0]}")/setup.sh"
+source "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/setup.sh"
 
 # For the check that is soon over.
 replay_seconds=3

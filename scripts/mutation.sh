@@ -8,7 +8,7 @@
 #   scripts/mutation.sh --resume      leaves out what was noticed before and has not changed
 #   scripts/mutation.sh --jobs 2      two copies of the tree at once
 set -euo pipefail
-source "$(dirname "${BASH_SOURCE[0]}")/setup.sh"
+source "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/setup.sh"
 
 need "${KELTOP_BUILD_PACKAGES[@]}" "${KELTOP_TEST_PACKAGES[@]}"
 exec /usr/bin/python3 "$KELTOP_ROOT/tests/mutation/mutate.py" "$@"

@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
-# Builds both programs and packs them, in build/packages: a zip archive for Windows and a Debian package.
-# The same sources and compilers give the same bytes.
+# Builds the programs and packs them, in build/packages: a zip archive for Windows and a Debian package for the release of
+# Debian that this runs on. The same sources and compilers give the same bytes.
+#
+#   scripts/package.sh [zip | deb]   one of the two, else both
 set -euo pipefail
-source "$(dirname "${BASH_SOURCE[0]}")/setup.sh"
+source "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/setup.sh"
 
 version=$(sed -n 's/^project(keltop VERSION \([0-9.]*\).*/\1/p' "$KELTOP_ROOT/CMakeLists.txt")
 packages=$KELTOP_ROOT/build/packages
@@ -25,45 +27,36 @@ pack_zip() {
   echo "$archive"
 }
 
-# depends FOLDER: the packages with the libraries that the program in it is linked to.
-depends() {
-  (
-    cd "$1"
-    mkdir debian
-    echo 'Source: keltop' >debian/control
-    found=$(dpkg-shlibdeps --warnings=0 -O -e"usr/bin/keltop") || exit
-    rm -r debian
-    [ -n "${found#shlibs:Depends=}" ] && echo "${found#shlibs:Depends=}"
-  )
-}
-
 pack_deb() {
-  local architecture dependencies archive folder documents
-  architecture=$(dpkg --print-architecture)
-  archive=$packages/keltop_${version}_$architecture.deb
+  local folder
   folder=$(mktemp -d)
-  chmod 755 "$folder"
-  DESTDIR=$folder cmake --install "$KELTOP_ROOT/build/release" --strip --prefix /usr >/dev/null
-  gzip -9n "$folder/usr/share/man/man1/keltop.1"
-  documents=$folder/usr/share/doc/keltop
-  install -d "$documents"
-  install -m 644 "$packaging/linux/copyright" "$documents/copyright"
-  gzip -9nc "$KELTOP_ROOT/CHANGELOG.md" >"$documents/changelog.gz"
-  install -d "$folder/DEBIAN"
-  dependencies=$(depends "$folder")
-  sed "s/@VERSION@/$version/; s/@ARCHITECTURE@/$architecture/; s/@DEPENDS@/$dependencies/
-    s/@SIZE@/$(du -sk --apparent-size "$folder/usr" | cut -f1)/" \
-    "$packaging/linux/control.in" >"$folder/DEBIAN/control"
-  install -m 755 "$packaging/linux/postrm" "$folder/DEBIAN/postrm"
-  dpkg-deb --root-owner-group -Zxz --build "$folder" "$archive" >/dev/null
+  cpack --config "$KELTOP_ROOT/build/release/CPackConfig.cmake" -B "$folder" >"$folder/log" 2>&1 || {
+    cat "$folder/log" >&2
+    return 1
+  }
+  # One package, for this release: none of an earlier version stays beside it.
+  rm -f "$packages"/keltop_*.deb
+  mv "$folder"/keltop_*.deb "$packages"
+  echo "$packages"/keltop_*.deb
   rm -r "$folder"
-  echo "$archive"
 }
 
-need "${KELTOP_BUILD_PACKAGES[@]}" "dpkg-dev:finds what the package depends on" "python3:writes the archive"
-"$KELTOP_ROOT/scripts/build-windows.sh"
-echo "keltop: building (release)" >&2
-build release
 mkdir -p "$packages"
-pack_zip
-pack_deb
+case ${1:-all} in
+  all | zip | deb) ;;
+  *)
+    echo "keltop: no such package: $1" >&2
+    exit 2
+    ;;
+esac
+if [ "${1:-all}" != deb ]; then
+  need "python3:writes the archive"
+  "$KELTOP_ROOT/scripts/build-windows.sh"
+  pack_zip
+fi
+if [ "${1:-all}" != zip ]; then
+  need "${KELTOP_BUILD_PACKAGES[@]}" "${KELTOP_DEB_PACKAGES[@]}"
+  echo "keltop: building (release)" >&2
+  build release keltop
+  pack_deb
+fi

@@ -1,7 +1,11 @@
 # Sourced by the other scripts: installs the Debian packages that a task needs and this machine lacks.
 # Nothing is printed and nothing is run with privilege when all are there.
+# shellcheck shell=bash
+# shellcheck disable=SC2034 # the lists are for the scripts that source this
 
-KELTOP_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+KELTOP_ROOT=$(readlink -f "$(dirname "${BASH_SOURCE[0]}")/..")
+# Somebody's own search path for cd: with it, cd goes elsewhere and prints where.
+unset CDPATH
 # Where servers are installed, which an ordinary account's path may lack: peers in tests and benchmarks.
 export PATH=$PATH:/usr/sbin:/sbin
 
@@ -10,6 +14,7 @@ KELTOP_BUILD_PACKAGES=(
   "g++:the compiler"
   "cmake:the build system"
   "ninja-build:runs the build"
+  "ccache:keeps what was compiled"
   "pkg-config:finds libraries"
   "libpoco-dev:network library"
   "libssl-dev:TLS for the network library"
@@ -41,6 +46,7 @@ KELTOP_CHECK_PACKAGES=(
   "clang-format:format check"
   "clang-tidy:lint check"
   "cppcheck:lint check"
+  "shellcheck:checks the scripts"
   "g++-mingw-w64-x86-64-posix:compiles the Windows sources"
 )
 
@@ -58,8 +64,10 @@ KELTOP_VALGRIND_PACKAGES=(
 # What building for Windows needs.
 KELTOP_WINDOWS_PACKAGES=(
   "g++-mingw-w64-x86-64-posix:the compiler for Windows"
+  "ccache:keeps what was compiled"
   "cmake:the build system"
   "ninja-build:runs the build"
+  "ccache:keeps what was compiled"
   "dpkg-dev:unpacks the libraries' source packages"
   "perl:configures the TLS library"
   "make:builds the TLS library"
@@ -70,6 +78,7 @@ KELTOP_WINDOWS_PACKAGES=(
 KELTOP_WINE_PACKAGES=(
   "wine:runs Windows programs"
   "wine64:runs 64-bit Windows programs"
+  "binutils-mingw-w64-x86-64:reads the program file in tests"
   "python3-pytest-rerunfailures:runs a test again in which Wine lost the start of a program"
 )
 
@@ -93,6 +102,18 @@ KELTOP_BENCH_PACKAGES=(
   "openssl:certificate of that server"
   "libtinyxml2-dev:XML writer to compare with"
   "libspdlog-dev:logger to compare with"
+)
+
+# What making the Debian package needs besides.
+KELTOP_DEB_PACKAGES=(
+  "dpkg-dev:finds what the package depends on"
+  "file:finds what the package depends on"
+)
+
+# What the trial in a fresh Debian system needs.
+KELTOP_DEBIAN_PACKAGES=(
+  "debootstrap:makes the system"
+  "util-linux:runs it in namespaces of its own"
 )
 
 # as_root COMMAND...: runs a command with privilege, through sudo where this account is not root.
@@ -156,15 +177,47 @@ install_packages() (
       --no-install-recommends "$@" >&2 </dev/null
 ) 9</var/lib/dpkg
 
+# The compiler cache: where its objects are follows CCACHE_DIR. Work trees share them: sources are named from the root.
+export CCACHE_BASEDIR=${CCACHE_BASEDIR:-$KELTOP_ROOT} CCACHE_NOHASHDIR=${CCACHE_NOHASHDIR:-1}
+
+# compiler_cache: the program that stands before the compiler; nothing where it is not installed.
+compiler_cache() {
+  echo "${CMAKE_CXX_COMPILER_LAUNCHER-$(command -v ccache || true)}"
+}
+
+configure() {
+  (cd "$KELTOP_ROOT" && cmake --preset "$1" -DCMAKE_CXX_COMPILER_LAUNCHER="$(compiler_cache)")
+}
+
+# is_configured FOLDER: whether what the build was made from is unchanged, and the compiler cache that it uses still there.
+is_configured() {
+  local launcher
+  [ "$1/build.ninja" -nt "$KELTOP_ROOT/CMakePresets.json" ] || return 1
+  launcher=$(sed -n 's/^CMAKE_CXX_COMPILER_LAUNCHER:[A-Z]*=//p' "$1/CMakeCache.txt")
+  [ -z "$launcher" ] || command -v "$launcher" >/dev/null
+}
+
+# is_built FOLDER [TARGET...]: whether there is nothing to build; writes nothing.
+is_built() {
+  local folder=$1
+  shift
+  [ -f "$folder/build.ninja" ] && ninja -n -C "$folder" "$@" 2>/dev/null | grep -q '^ninja: no work to do'
+}
+
 # build PRESET [TARGET...]: configures where needed and builds; silent when all goes well, on standard error when not.
-# A second one waits: two windows may start keltop at once.
+# A second one waits: two windows may start keltop at once. In a tree that this account cannot write, nothing may have to be
+# built.
 build() {
   local preset=$1 folder="$KELTOP_ROOT/build/$1" log result=0
   shift
+  if ! mkdir -p "$folder" 2>/dev/null || ! [ -w "$folder" ] || ! : 2>/dev/null >>"$folder.lock"; then
+    is_built "$folder" "$@" && return 0
+    echo "keltop: something has to be built, and this account cannot write $folder" >&2
+    return 1
+  fi
   log=$(mktemp)
-  mkdir -p "$KELTOP_ROOT/build"
   {
-    flock 9 && { [ "$folder/build.ninja" -nt "$KELTOP_ROOT/CMakePresets.json" ] || (cd "$KELTOP_ROOT" && cmake --preset "$preset"); } &&
+    flock 9 && { is_configured "$folder" || configure "$preset"; } &&
       if [ $# -gt 0 ]; then
         cmake --build "$folder" --target "$@"
       else

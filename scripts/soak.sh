@@ -2,7 +2,7 @@
 # Installs what the machine lacks, builds keltop and puts it under load and faults at once for a time (20 minutes, or as
 # many as the first argument says). Prints a table; the exit code says whether anything was lost or has grown.
 set -euo pipefail
-source "$(dirname "${BASH_SOURCE[0]}")/setup.sh"
+source "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/setup.sh"
 
 need "${KELTOP_BUILD_PACKAGES[@]}" "${KELTOP_TEST_PACKAGES[@]}"
 echo "keltop: building (release)" >&2

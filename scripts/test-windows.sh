@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds keltop for Windows and runs every test under Wine. Further arguments go to ctest.
 set -euo pipefail
-source "$(dirname "${BASH_SOURCE[0]}")/setup.sh"
+source "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/setup.sh"
 
 "$KELTOP_ROOT/scripts/build-windows.sh"
 need "${KELTOP_BUILD_PACKAGES[@]}" "${KELTOP_TEST_PACKAGES[@]}" "${KELTOP_WINE_PACKAGES[@]}"

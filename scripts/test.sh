@@ -3,7 +3,7 @@
 #
 # KELTOP_PRESET names another build to test: dev, asan or tsan.
 set -euo pipefail
-source "$(dirname "${BASH_SOURCE[0]}")/setup.sh"
+source "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/setup.sh"
 
 preset=${KELTOP_PRESET:-release}
 need "${KELTOP_BUILD_PACKAGES[@]}" "${KELTOP_TEST_PACKAGES[@]}"

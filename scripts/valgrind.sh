@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs what the machine lacks, builds keltop and runs each of its modes once under valgrind.
 set -euo pipefail
-source "$(dirname "${BASH_SOURCE[0]}")/setup.sh"
+source "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/setup.sh"
 
 need "${KELTOP_BUILD_PACKAGES[@]}" "${KELTOP_TEST_PACKAGES[@]}" "${KELTOP_VALGRIND_PACKAGES[@]}"
 echo "keltop: building (release)" >&2

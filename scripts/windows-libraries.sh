@@ -5,7 +5,7 @@
 # Each is built in a folder named after its version and everything that it is built with; a change of either builds it
 # anew, an interrupted build goes on where it stopped. With --update, newer source packages are looked for.
 set -euo pipefail
-source "$(dirname "${BASH_SOURCE[0]}")/setup.sh"
+source "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/setup.sh"
 
 cache=${KELTOP_WINDOWS_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/keltop-windows}
 toolchain=$KELTOP_ROOT/cmake/windows-toolchain.cmake
@@ -33,20 +33,23 @@ apt_sources() {
   APT_CONFIG=$cache/apt/apt.conf "$@"
 }
 
+# shellcheck disable=SC2016 # apt fills them in
 debian_archives() {
   apt-get indextargets --format '$(ORIGIN) $(REPO_URI) $(RELEASE) $(COMPONENT)' 'Created-By: Packages' |
     sed -n 's/^Debian //p' | sort -u
 }
 
 prepare_apt() {
-  local apt=$cache/apt archives keyring=/usr/share/keyrings/debian-archive-keyring.gpg
+  local apt=$cache/apt archives archive keyring=/usr/share/keyrings/debian-archive-keyring.gpg
   mkdir -p "$apt"/{lists/partial,archives/partial,sources.list.d}
   archives=$(debian_archives)
   if [ -z "$archives" ]; then
     as_root apt-get update -q >&2
     archives=$(debian_archives)
   fi
-  sed "s|^|deb-src [signed-by=$keyring] |" <<<"$archives" >"$apt/sources.list"
+  while read -r archive; do
+    echo "deb-src [signed-by=$keyring] $archive"
+  done <<<"$archives" >"$apt/sources.list"
   cat >"$apt/apt.conf" <<END
 Dir::Etc::sourcelist "$apt/sources.list";
 Dir::Etc::sourceparts "$apt/sources.list.d";

@@ -1,5 +1,6 @@
 # Sourced by the scripts that run the Windows build: a Wine prefix of the build's own, so that neither the account's Wine
 # nor a program that somebody runs in it is touched. Makes it where it is missing, and ends at exit what runs in it.
+# shellcheck shell=bash
 
 export WINEPREFIX=$KELTOP_ROOT/build/windows/wine/prefix WINEDEBUG=-all
 # No window, and no offer to download what the program does not use.

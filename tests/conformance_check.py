@@ -49,7 +49,7 @@ def runs(texts):
     """What marks say about the systems; they tell the Windows build by its command's end."""
     on = Runs(linux=True, windows=True)
     for text in texts:
-        if "windows_cannot" in text or re.search(r"skipif\(.*\.endswith", text):
+        if "windows_cannot" in text or "wine_cannot" in text or re.search(r"skipif\(.*\.endswith", text):
             if "not config" in text:
                 on.linux = False
             else:

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <system_error>
 
 #include "app/HelpTexts.h"
 #include "app/ListenMode.h"
@@ -13,6 +14,7 @@
 #include "platform/ErrorMode.h"
 #include "platform/KeyPress.h"
 #include "platform/Process.h"
+#include "platform/StandardOutput.h"
 #include "posts/PostISI.h"
 #include "posts/PostRSI.h"
 #include "product/ConsoleStream.h"
@@ -29,6 +31,7 @@ namespace {
 
 constexpr std::uint8_t kRotate = 1;
 
+/// Throws the standard library's error where the trace can have no thread.
 void startTrace() {
   LogsControl* const control = globalLogsControl();
   if (control == nullptr) {
@@ -61,6 +64,7 @@ int help(bool waitForKey) {
 
 int dispatch(const SwitchMap& switches) {
   if (switches.empty() || findSwitch(switches, "H") != nullptr || findSwitch(switches, "?") != nullptr) {
+    platform::setReaderGone(endsWithItsReader);
     return help(switches.empty());
   }
   platform::addConsoleControlHandler(handleConsoleControl);
@@ -73,6 +77,8 @@ int dispatch(const SwitchMap& switches) {
     PostISI(switches);
     return 0;
   }
+  platform::setReaderGone(endsWithItsReader);  // not for a post, which is sent whoever reads
+  platform::waitForMainWhenClosed();           // which a listener's soon does
   return listen(switches);
 }
 
@@ -81,7 +87,12 @@ int dispatch(const SwitchMap& switches) {
 int run(int count, const char* const* arguments) {
   platform::prepareProcess();
   Poco::Net::initializeNetwork();
-  startTrace();
+  try {
+    startTrace();
+  } catch (const std::system_error& error) {
+    ConsoleStream() << "Error: No thread can be started: " << error.code().message() << '\n';
+    return 1;
+  }
   greet();
   platform::setErrorMode(platform::kErrorModeNoBoxes);
   SwitchMap switches;

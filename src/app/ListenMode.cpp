@@ -45,11 +45,11 @@ std::unique_ptr<net::Server> makeServer(bool raw, const net::ServerOptions& opti
 }
 
 /// Ends the process where the trace does not end in time: what is left of it is its last line.
-void endTrace() {
+void endTrace(int exitCode) {
   try {
     const std::future<void> ended = std::async(std::launch::async, stopTrace);
     if (ended.wait_for(kTraceGrace) != std::future_status::ready) {
-      platform::endProcess(0);
+      platform::endProcess(exitCode);
     }
   } catch (const std::system_error&) {
     stopTrace();  // no thread to be had: then it takes as long as it takes
@@ -75,9 +75,13 @@ int listen(const SwitchMap& switches) {
     console << "Server not running, shutting down." << std::endl;
     return 0;
   }
+  int exitCode = 0;
   std::unique_ptr<net::Server> server;
   try {
     const std::optional<SecureListening> secure = SecureListening::fromSwitches(switches);
+    if (!platform::waitForOutput(shutdown.handle())) {
+      platform::stopWaitingForOutput();  // told to stop while nobody read
+    }
     console << "Press Ctrl-C to stop.\n"
             << "Listening on: " << port << "\r\n"
             << std::endl;
@@ -89,20 +93,23 @@ int listen(const SwitchMap& switches) {
     }
     server = makeServer(findSwitch(switches, "RAW") != nullptr, options);
     server->start();
-    (void)platform::waitForObject(shutdown.handle(), platform::kInfinite);
+    const std::uint32_t ended = platform::waitForObject(shutdown.handle(), platform::kInfinite);
     server->stop();
+    if (ended != platform::kWaitObject) {
+      throw Poco::SystemException("Cannot wait for the shutdown event");
+    }
   } catch (const Poco::Exception& error) {
     console << "Error: " << error.displayText() << std::endl;
-    return 1;
+    exitCode = 1;
   }
-  const bool finished = server->finish(kWorkersGrace);
+  const bool finished = server == nullptr || server->finish(kWorkersGrace);
   platform::stopWaitingForOutput();
-  endTrace();
+  endTrace(exitCode);
   if (!finished) {
     // The library's thread pool would wait up to 10 s for each connection that somebody keeps open.
-    platform::endProcess(0);
+    platform::endProcess(exitCode);
   }
-  return 0;
+  return exitCode;
 }
 
 }  // namespace keltop

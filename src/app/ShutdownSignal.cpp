@@ -11,6 +11,9 @@ namespace keltop {
 
 namespace {
 
+/// Milliseconds that the shutdown event may come later than the end of the reader that got the same signal.
+constexpr std::uint32_t kReaderLead = 200;
+
 /// Never closed: the control handler may run until the process ends.
 std::atomic<platform::ObjectHandle> shutdownEvent = platform::ObjectHandle::none;
 
@@ -32,6 +35,11 @@ bool handleConsoleControl(std::uint32_t type) noexcept {
     platform::setEvent(event);
   }
   return true;
+}
+
+bool endsWithItsReader() noexcept {
+  const platform::ObjectHandle event = shutdownEvent;
+  return event == platform::ObjectHandle::none || platform::waitForObject(event, kReaderLead) != platform::kWaitObject;
 }
 
 }  // namespace keltop

@@ -12,4 +12,9 @@ bool createShutdownEvent();
 /// even when there is no event; other types are left to their default action.
 bool handleConsoleControl(std::uint32_t type) noexcept;
 
+/// Whether the process ends now that the reader of its output has gone: yes, as every filter does, unless the shutdown
+/// event is set. It is given a moment to become so: Ctrl-C reaches every process of a pipeline, and the reader may be
+/// faster.
+bool endsWithItsReader() noexcept;
+
 }  // namespace keltop

@@ -164,8 +164,17 @@ int AcceptedSocket::sendSome(const char* bytes, int length, int flags) {
   return SocketImpl::sendBytes(bytes, length, flags);
 }
 
+/// The library calls it when it has sent an answer, and closes the connection next.
+AcceptedSocket::ShutdownResult AcceptedSocket::shutdownSend() {
+  if (!sendingEnded_ && (peerMaySend() || !closingEndsSending())) {
+    sendingEnded_ = true;
+    endSending();
+  }
+  return ShutdownResult();
+}
+
 void AcceptedSocket::endSending() {
-  shutdownSend();
+  StreamSocketImpl::shutdownSend();
 }
 
 void AcceptedSocket::tellRefused(std::string_view reason) noexcept {
@@ -183,7 +192,7 @@ bool AcceptedSocket::peerMaySend() const noexcept {
 /// the answer that it has not read yet. So what it still sends is read, and shown to nobody but the watcher.
 void AcceptedSocket::linger() {
   try {
-    endSending();
+    shutdownSend();
     std::vector<char> unread(kLingerBuffer);
     std::size_t count = 0;
     const auto deadline = steady_clock::now() + kLingerTime;

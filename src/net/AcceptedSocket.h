@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <string_view>
+#include <utility>
 
 #include "net/ConnectionGroup.h"
 #include "net/TrafficWatcher.h"
@@ -43,6 +45,9 @@ struct NewConnection {
 /// here, so it sees what these give and take.
 class AcceptedSocket : public Poco::Net::StreamSocketImpl {
  public:
+  /// Nothing, or a number in newer versions of the library.
+  using ShutdownResult = decltype(std::declval<Poco::Net::SocketImpl&>().shutdownSend());
+
   /// Owns the system's socket from here on, and tells the watcher that the connection is open.
   explicit AcceptedSocket(const NewConnection& connection);
 
@@ -65,6 +70,7 @@ class AcceptedSocket : public Poco::Net::StreamSocketImpl {
   int sendBytes(const void* buffer, int length, int flags) override;
   bool poll(const Poco::Timespan& timeout, int mode) override;
   void close() override;
+  ShutdownResult shutdownSend() override;
   Poco::Net::SocketAddress address() override;
   Poco::Net::SocketAddress peerAddress() override { return peer_; }
   void setSendTimeout(const Poco::Timespan& timeout) override;
@@ -89,8 +95,11 @@ class AcceptedSocket : public Poco::Net::StreamSocketImpl {
   /// Whether receiveSome has bytes to give that no wait for the socket would tell of.
   [[nodiscard]] virtual bool holdsReceived() const noexcept { return false; }
 
-  /// Tells the peer that nothing more will be sent. A failure does not matter any more.
+  /// Tells the peer, once, that nothing more will be sent. A failure does not matter any more.
   virtual void endSending();
+
+  /// Whether closing alone tells the peer so: then endSending is left out where the connection is closed right after.
+  [[nodiscard]] virtual bool closingEndsSending() const noexcept { return true; }
 
   [[nodiscard]] const ConnectionGroup& group() const noexcept { return *group_; }
 
@@ -108,6 +117,7 @@ class AcceptedSocket : public Poco::Net::StreamSocketImpl {
   std::optional<Poco::Timespan> sendTimeout_;
   std::optional<Poco::Timespan> receiveTimeout_;
   bool noDelay_;
+  bool sendingEnded_ = false;
   bool answered_ = false;      ///< something has been sent
   bool wholeRequest_ = false;  ///< the client has nothing more to send
   bool receiveFailed_ = false;

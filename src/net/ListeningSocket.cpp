@@ -21,10 +21,10 @@ using std::chrono::steady_clock;
 constexpr auto kWorkersPatience = milliseconds(20);
 
 /// How many workers wait at a time: each connection wakes all of them.
-constexpr std::size_t kMostWaiting = 2;
+constexpr std::size_t kMostWaiting = 16;
 
 /// Up to this many workers, a connection gets one at once; from then on when the others do not keep up.
-constexpr std::size_t kEagerWorkers = 4;
+constexpr std::size_t kEagerWorkers = 16;
 
 /// How often the acceptor looks whether the workers keep up, and whether they still wait.
 constexpr auto kLook = milliseconds(1);

@@ -17,4 +17,9 @@ using ConsoleControlHandler = bool (*)(std::uint32_t type) noexcept;
 /// SIGTERM among them, keeps its action.
 bool addConsoleControlHandler(ConsoleControlHandler handler) noexcept;
 
+/// From now on a closed console waits for the end of main, for the seconds that the system grants. Without it the
+/// system ends the process as soon as the handler has returned, whatever main is at. Linux: nothing to do; there a
+/// handled SIGHUP ends nothing.
+void waitForMainWhenClosed() noexcept;
+
 }  // namespace keltop::platform

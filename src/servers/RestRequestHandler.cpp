@@ -7,11 +7,13 @@
 #include <Poco/Timestamp.h>
 #include <Poco/URI.h>
 
+#include <istream>
 #include <string>
 #include <string_view>
 
 #include "product/ConsoleStream.h"
 #include "product/Version.h"
+#include "servers/BodyUntilFailure.h"
 
 namespace keltop {
 
@@ -87,8 +89,10 @@ void printBody(ConsoleStream& console, HTTPServerRequest& request) {
     return;  // none, or of unknown length
   }
   console.flush();  // the client may take its time to send the body
+  BodyUntilFailure source(request.stream());
+  std::istream stream(&source);
   std::string body;
-  Poco::StreamCopier::copyToString(request.stream(), body, kBodyBufferSize);
+  Poco::StreamCopier::copyToString(stream, body, kBodyBufferSize);
   console.append(body).append("\n");
 }
 

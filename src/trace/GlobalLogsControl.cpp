@@ -1,6 +1,7 @@
 #include "trace/GlobalLogsControl.h"
 
 #include <atomic>
+#include <system_error>
 
 namespace keltop {
 
@@ -17,8 +18,17 @@ class GlobalController : public LogsControl {
   GlobalController& operator=(const GlobalController&) = delete;
 };
 
+/// No thread to be had is for main to tell, which asks again.
+const LogsControl* buildBeforeMain() noexcept {
+  try {
+    return globalLogsControl();
+  } catch (const std::system_error&) {
+    return nullptr;
+  }
+}
+
 /// Its thread runs before main does.
-[[maybe_unused]] const LogsControl* const builtAtStart = globalLogsControl();
+[[maybe_unused]] const LogsControl* const builtAtStart = buildBeforeMain();
 
 }  // namespace
 

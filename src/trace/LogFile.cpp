@@ -20,6 +20,9 @@ constexpr std::int64_t kFullSize = 50'000'000;
 /// From this number of files on, the live one included, the oldest are deleted.
 constexpr std::size_t kTooManyFiles = 5;
 
+/// After a copy that could not be made.
+constexpr std::chrono::seconds kCopyPause{1};
+
 constexpr std::string_view kOpenedMarker = "File opened";
 constexpr std::string_view kClosedMarker = "File closed";
 
@@ -67,14 +70,16 @@ void LogFile::write(std::string_view line) {
 }
 
 void LogFile::checkSize() {
-  if (!canRotate() || !isFull()) {
+  if (!canRotate() || !isFull() || std::chrono::steady_clock::now() < nextCopy_) {
     return;
   }
   const SEMAPHORE::MutexAutoLock lock(name_);
   if (!isFull()) {
     return;  // another process has rotated the file meanwhile
   }
-  copyAndEmpty();
+  if (!copyAndEmpty()) {
+    return;
+  }
   prune();
   closeUnmarked();
   open();
@@ -85,10 +90,12 @@ void LogFile::changeDay() {
     return;
   }
   const SEMAPHORE::MutexAutoLock lock(name_);
-  copyAndEmpty();
+  const bool emptied = copyAndEmpty();
   archive();
-  closeUnmarked();
-  open();
+  if (emptied) {
+    closeUnmarked();
+    open();
+  }
 }
 
 bool LogFile::canRotate() const noexcept {
@@ -127,15 +134,17 @@ void LogFile::closeUnmarked() {
   }
 }
 
-void LogFile::copyAndEmpty() {
+bool LogFile::copyAndEmpty() {
   const std::string copy = name_ + "-" + compactTimeStamp(openedAt_) + std::string(kTraceExtension);
   const std::string copyPath = buildPath(kTraceFolder, copy);
   (void)platform::removeFile(copyPath);
   (void)platform::commitFile(handle_);
   const platform::AppendGate gate(handle_);
-  if (platform::copyFile(path_, copyPath)) {
-    (void)platform::truncateFile(handle_, 0);
+  if (platform::copyOpenFile(handle_, path_, copyPath) && platform::truncateFile(handle_, 0)) {
+    return true;
   }
+  nextCopy_ = std::chrono::steady_clock::now() + kCopyPause;
+  return false;
 }
 
 void LogFile::prune() const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -32,10 +33,12 @@ class LogFile {
   /// the file is closed. Every 100th line is forced to the disk, with all before it.
   void write(std::string_view line);
 
-  /// Once the file has 50,000,000 bytes: copies it, empties it, and deletes the oldest files until 4 are left.
+  /// Once the file has 50,000,000 bytes: copies it, empties it, and deletes the oldest files until 4 are left. Where
+  /// the copy cannot be made, every file stays as it is, and for a second no other is tried: each may be a whole one.
   void checkSize();
 
-  /// A new day has begun: copies and empties the file and moves all of the module's copies to the archive.
+  /// A new day has begun: copies and empties the file and moves all of the module's copies to the archive. Where the
+  /// copy cannot be made, the file stays as it is.
   void changeDay();
 
   [[nodiscard]] bool isOpen() const noexcept { return handle_ != platform::kNoFile; }
@@ -50,7 +53,7 @@ class LogFile {
   bool append(std::string_view line);
   bool writeMarker(std::string_view text);
   void closeUnmarked();
-  void copyAndEmpty();
+  [[nodiscard]] bool copyAndEmpty();
   void prune() const;
   void archive() const;
 
@@ -61,6 +64,7 @@ class LogFile {
   std::uint8_t rotationFlag_;
   std::uint32_t module_;
   platform::LocalTime openedAt_;
+  std::chrono::steady_clock::time_point nextCopy_;  ///< not before
 };
 
 }  // namespace keltop

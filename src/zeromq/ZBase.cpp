@@ -91,7 +91,7 @@ int ZBase::bind(const std::string& endpoint, int type) {
   const ZContext context;
   const int result = open(endpoint, type, ::zmq_bind);
   if (result == 0) {
-    ++sharedState().liveSockets;
+    count();
     (void)setHighWaterMark(kHighWaterMark);
   }
   return result;
@@ -102,7 +102,7 @@ int ZBase::connect(const std::string& endpoint, int type) {
   const int result = open(endpoint, type, ::zmq_connect);
   if (result == 0) {
     setLinger(kConnectedLinger);
-    ++sharedState().liveSockets;
+    count();
     (void)setHighWaterMark(kHighWaterMark);
   }
   return result;
@@ -113,18 +113,23 @@ int ZBase::closeSocket() noexcept {
     return 0;
   }
   const int result = ::zmq_close(socket_);
-  if (result == 0) {
-    // Also for a socket that was never counted because it could not be connected, on purpose: the count then stays
-    // below the truth, and the context is left alone.
+  // One that could not be connected or bound was never counted.
+  if (result == 0 && counted_) {
     --sharedState().liveSockets;
   }
   socket_ = nullptr;
   return result;
 }
 
+void ZBase::count() noexcept {
+  counted_ = true;
+  ++sharedState().liveSockets;
+}
+
 int ZBase::open(const std::string& endpoint, int type, Attach attach) {
   clearError();
   receiveTimeout_ = kWithoutEnd;
+  counted_ = false;
   socket_ = ::zmq_socket(sharedState().context, type);
   if (socket_ == nullptr) {
     storeError();
@@ -151,11 +156,11 @@ int ZBase::sendBytes(std::string_view bytes, bool more) {
     return kNoSocket;
   }
   const int result = sendMessage(socket_, bytes, more ? kFlagNoBlock | kFlagSendMore : kFlagNoBlock);
-  storeError();
   if (result != 0) {
     releaseReceiveBuffer();
     (void)closeSocket();
   }
+  storeError();
   return result;
 }
 

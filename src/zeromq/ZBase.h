@@ -66,6 +66,7 @@ class ZBase {
   using Attach = int (*)(void* socket, const char* endpoint);
 
   int open(const std::string& endpoint, int type, Attach attach);
+  void count() noexcept;
   int setOption(int option, std::int32_t value);
   int sendBytes(std::string_view bytes, bool more);
   [[nodiscard]] bool receivePart(std::string& part);
@@ -77,6 +78,7 @@ class ZBase {
   std::int32_t lastError_ = 0;
   std::string lastErrorText_;
   void* socket_ = nullptr;                     ///< the library's handle
+  bool counted_ = false;                       ///< among the live sockets
   std::int32_t receiveTimeout_ = kWithoutEnd;  ///< in force on the socket
   std::vector<char> receiveBuffer_;
 };

@@ -85,7 +85,7 @@ void ZPushService::push(const std::string& endpoint, const std::string& text) {
   }
   if (const auto known = table.sockets.find(endpoint); known != table.sockets.end()) {
     // The text of a failed send is not sent again; the next push connects anew.
-    if (!known->second || known->second->send(text) != 0) {
+    if (!known->second || !known->second->isOpen() || known->second->send(text) != 0) {
       table.sockets.erase(known);
     }
     return;

@@ -103,6 +103,11 @@ class Agent {
     if (command == "wait") {
       return std::to_string(platform::waitForObject(handle, number<std::uint32_t>(words)));
     }
+    if (command == "close-in-thread") {
+      bool closed = false;
+      std::thread([&] { closed = platform::closeObject(handle); }).join();
+      return outcome(closed);
+    }
     if (command == "wait-in-thread") {  // which ends at once, with whatever it then owns
       std::uint32_t result = 0;
       std::thread([&] { result = platform::waitForObject(handle, 0); }).join();

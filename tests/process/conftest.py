@@ -7,6 +7,7 @@ import contextlib
 import fcntl
 import io
 import os
+import pathlib
 import pty
 import re
 import resource
@@ -73,8 +74,15 @@ def port_in_use(keltop, port):
 
 
 def windows_cannot(reason):
-    """Marks a test that tells of something that is not so on Windows, or not under Wine."""
+    """Marks a test that tells of something that is not so on Windows."""
     return pytest.mark.skipif("config.getoption('--keltop').endswith('.exe')", reason=reason)
+
+
+def wine_cannot(reason, *versions):
+    """Marks a test of something that these versions of Wine do otherwise than Windows does. Under others it is run."""
+    own = f"__import__('wine').version() in {versions!r}"
+    return pytest.mark.skipif(f"config.getoption('--keltop').endswith('.exe') and {own}",
+                              reason=f"Wine {' and '.join(versions)} {reason}")
 
 
 def pytest_addoption(parser):
@@ -120,6 +128,21 @@ def wine_prefix(request):
         wine.remove_prefix(prefix)
 
 
+@pytest.fixture(scope="session")
+def build(request):
+    """The folder of the build under test."""
+    return pathlib.Path(request.config.getoption("--keltop")).absolute().parent
+
+
+@pytest.fixture(scope="session")
+def released(build):
+    """Lets a test run with the build that is released only: what it tells of is in no other, or the same."""
+    settings = (build / "CMakeCache.txt").read_text(encoding="utf-8")
+    if not re.search(r"^CMAKE_BUILD_TYPE:\w+=Release$", settings, re.MULTILINE) or not re.search(
+            r"^KELTOP_SANITIZE:\w+=$", settings, re.MULTILINE):
+        pytest.skip("about the build that is released")
+
+
 def soft_descriptor_limit(wanted):
     """For a process that is about to start: the limit that it finds, which it may raise."""
     _, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
@@ -153,6 +176,11 @@ def eventually(condition, timeout=LONG, what="condition"):
 def unread_bytes(pipe):
     """How many bytes wait in a pipe."""
     return struct.unpack("i", fcntl.ioctl(pipe, termios.FIONREAD, bytes(4)))[0]
+
+
+def unsent_bytes(connection):
+    """How many sent bytes the other end's system has not taken yet."""
+    return struct.unpack("i", fcntl.ioctl(connection, termios.TIOCOUTQ, bytes(4)))[0]
 
 
 class Output:

@@ -3,6 +3,7 @@
 import contextlib
 import glob
 import os
+import resource
 import signal
 import socket
 import subprocess
@@ -166,10 +167,77 @@ def test_a_key_typed_ahead_counts(keltop, terminal):
 
 
 @linux_terminal
+def test_an_input_that_does_not_wait_is_no_key(keltop):
+    """Whoever had the pipe before made it non-blocking: it has nothing yet, which is no key."""
+    keys, typed = os.pipe()
+    os.set_blocking(keys, False)
+    running = keltop.start(stdin=keys)
+    os.close(keys)
+    with open(typed, "wb", buffering=0) as typed_keys:
+        running.wait_for(PRESS_ANY_KEY)
+        before = processor_ticks(running)
+        with pytest.raises(subprocess.TimeoutExpired):
+            running.process.wait(OBSERVED)
+        assert processor_ticks(running) - before <= 2
+        typed_keys.write(b"k")
+        assert running.wait() == 0
+
+
+@linux_terminal
+def test_a_terminal_that_does_not_wait_gives_a_key_when_one_is_typed(keltop, terminal):
+    os.set_blocking(terminal.side, False)
+    running = terminal.start(keltop)
+    terminal.screen.wait_for(b"press any key")
+    with pytest.raises(subprocess.TimeoutExpired):
+        running.process.wait(OBSERVED)
+    terminal.type(b"k")
+    assert running.wait() == 0
+
+
+def processor_ticks(running):
+    """Processor time of a process so far, in hundredths of a second."""
+    with open(f"/proc/{running.process.pid}/stat", encoding="ascii") as file:
+        fields = file.read().rsplit(")", 1)[1].split()
+    return int(fields[11]) + int(fields[12])
+
+
+@linux_terminal
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT, signal.SIGHUP, signal.SIGQUIT],
+                         ids=lambda number: number.name)
+def test_a_signal_that_ends_the_wait_leaves_the_terminal_as_it_was(keltop, terminal, number):
+    before = terminal.settings
+    running = terminal.start(keltop)
+    terminal.screen.wait_for(b"press any key")
+    eventually(lambda: not terminal.echoes, what="the end of the echo")
+    running.send_signal(number)
+    assert running.wait() == -number
+    assert terminal.settings == before
+
+
+@linux_terminal
+def test_a_signal_that_was_ignored_at_the_start_does_not_end_the_wait(keltop, terminal):
+    keltop.command = ["env", "--ignore-signal=TERM", *keltop.command]
+    running = terminal.start(keltop)
+    terminal.screen.wait_for(b"press any key")
+    eventually(lambda: not terminal.echoes, what="the end of the echo")
+    running.send_signal(signal.SIGTERM)
+    with pytest.raises(subprocess.TimeoutExpired):
+        running.process.wait(OBSERVED)
+    terminal.type(b"k")
+    assert running.wait() == 0
+
+
+@linux_terminal
 def test_help_by_switch_leaves_what_is_typed_to_the_next_program(keltop, terminal):
     terminal.type(b"next\n")
     assert terminal.start(keltop, "-h").wait() == 0
     assert os.read(terminal.side, 100) == b"next\n"
+
+
+def test_an_argument_with_a_wildcard_is_no_list_of_files(keltop, tmp_path):
+    (tmp_path / "-h").touch()
+    keltop.command = [os.path.abspath(word) if os.path.exists(word) else word for word in keltop.command]
+    assert shown(keltop.run("*h", cwd=tmp_path)) == (HELP + PRESS_ANY_KEY, 0)
 
 
 # Ports
@@ -388,6 +456,24 @@ def test_a_folder_that_may_not_be_written_starts_no_server(keltop):
 def test_what_needs_no_shutdown_event_runs_without(keltop, arguments, result):
     missing = os.path.join(keltop.folder, "missing")
     assert shown(keltop.run(*arguments, env={**keltop.env, "KELTOP_OBJECT_DIR": missing})) == result
+
+
+# No thread to be had
+
+
+@linux_folder
+@pytest.mark.parametrize("switches", [["-h"], [], ["-p", "0"], ["-rsi", "json"]], ids=" ".join)
+def test_without_a_thread_one_line_says_so(keltop, switches):
+    """The trace's thread is the first that is asked for; root is given as many as it wants."""
+    account = {}
+    if os.geteuid() == 0:
+        keltop.command = for_everybody(keltop.command, keltop.folder)
+        account = AS_NOBODY
+    done = keltop.run(*switches, preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NPROC, (1, 1)), **account)
+    assert (done.stdout, done.stderr, done.returncode) == (NO_THREAD, b"", 1)
+
+
+NO_THREAD = b"Error: No thread can be started: Resource temporarily unavailable\n"
 
 
 def run_as_nobody(keltop, *switches):

@@ -10,6 +10,7 @@ import random
 import re
 import signal
 import socket
+import statistics
 import subprocess
 import threading
 import time
@@ -17,7 +18,7 @@ import time
 import pytest
 
 from conftest import (LONG, SLOWNESS, WORKERS, eventually, free_port, is_listening, listening_on, port_in_use,
-                      unread_bytes, windows_cannot)
+                      raise_descriptor_limit, unread_bytes, unsent_bytes, windows_cannot)
 from peers import reset
 
 DATE = rb"(?:Mon|Tue|Wed|Thu|Fri|Sat|Sun), \d\d [A-Z][a-z]{2} \d{4} \d\d:\d\d:\d\d GMT"
@@ -336,6 +337,39 @@ def test_a_body_that_ends_early_is_shown_as_far_as_it_came(server):
     server.still_serves()
 
 
+CUT_SHORT = [1, 5, 300, 8191, 8192, 8193, 20_000]  # bytes that come of a body, of which far more were announced
+
+
+def begin_body(server, stack, length):
+    """A client that has sent the beginning of a body; gives it, the beginning, and what is shown once it has ended."""
+    client = stack.enter_context(server.connect())
+    ends = address(client.getsockname()), address(client.getpeername())
+    body = random.Random(length).randbytes(length)
+    client.sendall(b"POST /b HTTP/1.1\r\nContent-Length: 100000\r\n\r\n" + body)
+    return client, transcript(*ends, b"DATE", b"POST /b HTTP/1.1", b"Content-Length: 100000\n", body + b"\n", path=b"/b")
+
+
+@pytest.mark.parametrize("length", CUT_SHORT)
+def test_what_came_of_a_body_before_a_reset_is_shown(server, length):
+    with contextlib.ExitStack() as stack:
+        client, shown = begin_body(server, stack, length)
+        eventually(lambda: b"Content-Length: 100000\n\n" in server.console, what="the request")
+        reset(client)
+        eventually(lambda: server.console.endswith(b"\r\n\r\n\r\n\n"), what="the end of the request")
+        assert re.sub(DATE, b"DATE", server.console) == shown
+
+
+@pytest.mark.parametrize("length", CUT_SHORT)
+def test_ctrl_c_shows_what_has_come_of_a_body(server, length):
+    with contextlib.ExitStack() as stack:
+        client, shown = begin_body(server, stack, length)
+        eventually(lambda: b"Content-Length: 100000\n\n" in server.console and unsent_bytes(client) == 0,
+                   what="the request")
+        assert server.running.interrupt() == 0
+        assert re.sub(DATE, b"DATE", server.console) == shown
+        assert read_to_end(client) == b"", "nothing is answered to half a request"
+
+
 def test_a_chunked_body_is_not_shown(server):
     server.serve(b"POST /c HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n0\r\n\r\n", b"POST /c HTTP/1.1",
                  b"Transfer-Encoding: chunked\n", path=b"/c")
@@ -354,6 +388,101 @@ def test_nonsense_chunks_are_not_looked_at(server, chunks):
     server.serve(b"POST /c HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n" + chunks, b"POST /c HTTP/1.1",
                  b"Transfer-Encoding: chunked\n", path=b"/c", half_close=True)
     server.still_serves()
+
+
+def chunked(size):
+    """A chunked body, the way that clients send a piece at a time."""
+    for begin in range(0, size, 16384):
+        yield b"c" * min(16384, size - begin)
+
+
+def python_posts_chunked(port, size, folder):
+    connection = http.client.HTTPConnection("127.0.0.1", port, timeout=LONG)
+    with contextlib.closing(connection):
+        connection.request("POST", "/c", chunked(size), encode_chunked=True,
+                           headers={"Transfer-Encoding": "chunked"})
+        return connection.getresponse().status
+
+
+def curl_posts_chunked(port, size, folder):
+    path = os.path.join(folder, "body")
+    with open(path, "wb") as file:
+        file.write(b"c" * size)
+    done = subprocess.run(["curl", "--silent", "--show-error", "--max-time", str(LONG), "--noproxy", "*", "--header",
+                           "Transfer-Encoding: chunked", "--data-binary", f"@{path}", "--write-out", "%{http_code}",
+                           f"http://127.0.0.1:{port}/c"], capture_output=True, check=True)
+    return int(done.stdout)
+
+
+def node_posts_chunked(port, size, folder):
+    script = """
+const [port, size] = process.argv.slice(1).map(Number);
+const request = require('http').request({port, host: '127.0.0.1', path: '/c', method: 'POST'},
+    (response) => { console.log(response.statusCode); response.resume(); });
+for (let left = size; left > 0; left -= 16384) request.write(Buffer.alloc(Math.min(left, 16384), 'c'));
+request.end();
+"""
+    done = subprocess.run(["node", "-e", script, str(port), str(size)], capture_output=True, timeout=LONG, check=False)
+    return int(done.stdout) if done.returncode == 0 else done.stderr.decode()
+
+
+@pytest.mark.parametrize("post_chunked", [python_posts_chunked, curl_posts_chunked, node_posts_chunked])
+@pytest.mark.parametrize("size", [1_000, 100_000, 1_000_000, 10_000_000])
+def test_the_answer_reaches_a_client_that_still_sends(server, tmp_path, post_chunked, size):
+    for _ in range(5):
+        assert post_chunked(server.port, size, tmp_path) == 200
+    eventually(lambda: server.console.count(b"\r\nResponse:\n") == 5, what="all requests")
+    assert b"ccc" not in server.console, "what comes after the answer is shown to nobody"
+
+
+def test_the_answer_to_a_malformed_request_reaches_a_client_that_still_sends(server):
+    for _ in range(5):
+        with server.connect() as client:
+            client.sendall(b"M" * 5_000_000)
+            assert read_to_end(client) == BAD_REQUEST
+
+
+def test_a_client_that_never_stops_sending_is_cut_off_and_harms_nobody(server):
+    with server.connect() as endless:
+        endless.sendall(b"POST /c HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n")
+        begin, sent = time.monotonic(), 0
+        with pytest.raises((BrokenPipeError, ConnectionResetError)):
+            while True:
+                sent += endless.send(b"10000\r\n" + b"z" * 0x10000 + b"\r\n")
+                assert time.monotonic() - begin < LONG
+                if sent < 2 << 20:
+                    asked(server.port)
+        print(f"cut off after {sent >> 20} MiB, {time.monotonic() - begin:.2f} s")
+        assert sent >= 1 << 20, "less than many clients send before they look at the answer"
+        assert time.monotonic() - begin < 2 + 3 * SLOWNESS
+        assert sent < 200 << 20
+
+
+def test_a_client_that_keeps_the_connection_is_closed_after_a_while(server):
+    with server.connect() as client:
+        client.sendall(b"POST /c HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n")
+        date_of(read_to_end(client), b"127.0.0.1:%d" % server.port)
+        begin = time.monotonic()
+
+        def refused():
+            try:
+                client.send(b"x")
+            except (BrokenPipeError, ConnectionResetError):
+                return True
+            return False
+
+        eventually(refused, what="the connection's end")
+        print(f"ended after {time.monotonic() - begin:.2f} s")
+        assert 1 < time.monotonic() - begin < 2 + 3 * SLOWNESS
+
+
+def test_ctrl_c_does_not_wait_for_who_still_sends(server):
+    with server.connect() as client:
+        client.sendall(b"POST /c HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n")
+        date_of(read_to_end(client), b"127.0.0.1:%d" % server.port)
+        begin = time.monotonic()
+        assert server.running.interrupt() == 0
+        assert time.monotonic() - begin < 1 * SLOWNESS
 
 
 def test_the_request_is_shown_before_its_body_has_come(server):
@@ -539,6 +668,18 @@ def test_clients_that_reset_do_no_harm(server, begin):
     assert server.running.interrupt() == 0
 
 
+def test_a_complete_request_that_is_reset_at_once_is_shown(server):
+    for number in range(40):
+        client = server.connect()
+        ends = address(client.getsockname()), address(client.getpeername())
+        client.sendall(b"GET /%d HTTP/1.1\r\n\r\n" % number)
+        reset(client)
+        eventually(lambda: server.console.endswith(b"\r\n\r\n\r\n\n"), what="the request")
+        assert re.sub(DATE, b"DATE", server.console) == transcript(*ends, b"DATE", b"GET /%d HTTP/1.1" % number,
+                                                                   path=b"/%d" % number)
+        server.expect(server.console)
+
+
 @pytest.mark.parametrize("begin", [b"", b"GET /x", b"GET /x HTTP/1.1\r\nA: 1\r\n"])
 def test_a_reset_before_the_end_of_the_headers_is_not_shown(server, begin):
     client = server.connect()
@@ -607,6 +748,33 @@ def test_eight_clients_at_once_are_all_answered(server):
     for _, client, _ in answers:
         assert re.search(re.escape(client) + rb"\b", server.console)
     assert server.console.count(b"Connected:") == 8 * rounds
+
+
+@pytest.mark.parametrize("begin", [b"GET /x HTTP/1.1\r\nA:", post(b"x" * 9)[:-4]], ids=["in headers", "in body"])
+def test_a_thousand_clients_stopped_in_their_requests_keep_nobody_out(keltop, begin):
+    raise_descriptor_limit()
+    count = 200 if keltop.windows else 1000
+    server = Server(*keltop.listen())
+    with contextlib.ExitStack() as stack:
+        for _ in range(count):
+            stack.enter_context(server.connect()).sendall(begin)
+        delays = []
+        for _ in range(20):
+            before = time.monotonic()
+            asked(server.port)
+            delays.append(time.monotonic() - before)
+        print(f"beside {count} stalled: median {1000 * statistics.median(delays):.1f} ms, "
+              f"greatest {1000 * max(delays):.1f} ms")
+        if b"Content-Length" in begin:
+            eventually(lambda: server.console.count(b"Content-Length: 9\n") == count, what="every request")
+        if not keltop.windows:
+            print(f"{server.running.resident_kib} KiB resident")
+            assert server.running.resident_kib <= 48 * 1024
+        before = time.monotonic()
+        assert server.running.interrupt() == 0
+        print(f"ended in {time.monotonic() - before:.2f} s")
+        assert time.monotonic() - before < 1 * SLOWNESS
+    assert server.console.count(b"\nxxxxx\n") == (count if b"Content-Length" in begin else 0)
 
 
 def test_eight_clients_stopped_together_are_handled_together(server):

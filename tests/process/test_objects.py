@@ -1,19 +1,24 @@
 """Machine-wide objects, used by real processes."""
 
+import contextlib
 import fcntl
 import glob
 import os
 import random
+import select
+import shutil
+import signal
+import socket
 import struct
 import threading
 import time
 
 import pytest
 
-from conftest import AS_NOBODY, as_root, eventually, for_everybody
+from conftest import AS_NOBODY, LONG, as_root, eventually, for_everybody
 
 OBJECT, ABANDONED, TIMEOUT, FAILED = 0, 128, 258, 0xFFFFFFFF
-NONE, NOT_FOUND, DENIED, BAD_HANDLE, BAD_DATA, EXISTS = 0, 2, 5, 6, 13, 183
+NONE, NOT_FOUND, DENIED, BAD_HANDLE, BAD_DATA, BUSY, EXISTS = 0, 2, 5, 6, 13, 170, 183
 NOT_OWNER, TOO_MANY_POSTS = 288, 298
 FOR_EVER = 0xFFFFFFFF
 
@@ -283,6 +288,44 @@ def test_an_owned_mutex_without_any_handle_is_gone(agents):
     assert (error, two.wait(second, 0)) == (NONE, OBJECT)
 
 
+@linux_files
+def test_an_owned_mutex_without_any_handle_keeps_no_descriptor(agents):
+    """Its thread goes on, and may own as many after each other as it likes."""
+    one, two = agents.start(), agents.start()
+    one.obtain("create-event", "warm")
+    before = descriptors(one)
+    for number in range(20):
+        handle, _ = one.obtain("create-mutex", f"M{number}")
+        assert one.wait(handle, 0) == OBJECT
+        assert one.ask("close", handle) == "0"
+    assert descriptors(one) == before
+    # With a handle elsewhere the thread still owns it, by that descriptor, until nobody has one.
+    handle, _ = one.obtain("create-mutex", "N")
+    two.obtain("create-mutex", "N")
+    assert one.wait(handle, 0) == OBJECT
+    assert one.ask("close", handle) == "0"
+    assert descriptors(one) == before + 1
+    two.kill()
+    event, _ = one.obtain("create-event", "F")
+    assert one.ask("close", event) == "0"
+    assert descriptors(one) == before
+
+
+def descriptors(agent):
+    return len(os.listdir(f"/proc/{agent.process.pid}/fd"))
+
+
+@linux_files
+def test_a_mutex_closed_by_another_thread_than_its_owner_is_gone(agents):
+    one = agents.start()
+    handle, _ = one.obtain("create-mutex", "M")
+    assert one.wait(handle, 0) == OBJECT
+    assert one.ask("close-in-thread", handle) == "0"
+    again, error = one.obtain("create-mutex", "M")
+    assert error == NONE
+    assert one.ask("wait-in-thread", again) == str(OBJECT)
+
+
 def test_an_owned_mutex_that_died_with_its_last_holder_is_free_when_made_again(agents):
     """Its owner had closed its own handle; the last other handle went by sudden death, which removes no file."""
     one, two = agents.start(), agents.start()
@@ -449,7 +492,7 @@ def test_a_living_object_whose_file_is_garbage_gives_errors(agents, content):
         assert one.wait(handle, 50) == FAILED
         assert one.ask("set", handle) != "0"
         assert one.ask("post", handle) != "0"
-        assert two.obtain(*words) == ("0", BAD_DATA)
+        assert [agent.obtain(*words) for agent in (one, two)] == [("0", BAD_DATA)] * 2
         assert one.ask("close", handle) == "0"
         again, error = two.obtain(*words)  # dead, and so of no more account
         assert (again != "0", error) == (True, NONE)
@@ -468,13 +511,18 @@ def test_a_living_object_whose_file_becomes_another_kind_gives_errors(agents):
 
 @linux_files
 def test_the_last_handle_leaves_a_file_that_is_not_its_own(agents):
-    """Somebody removed the object's file by hand, and the name went to a new object."""
-    one, two, three = agents.start(), agents.start(), agents.start()
+    """Somebody removed the object's file by hand, and put another program's living object in its place."""
+    one, two = agents.start(), agents.start()
     old, _ = one.obtain("create-event", "E")
-    os.unlink(the_file(agents))
-    assert two.obtain("create-event", "E")[1] == NONE
-    assert one.ask("close", old) == "0"
-    assert three.obtain("open-event", "E")[1] != NOT_FOUND
+    path = the_file(agents)
+    os.unlink(path)
+    with open(path, "wb") as foreign:
+        foreign.write(b"KELTOBJ1" + struct.pack("4I", 1, 1, 1, 0))
+        foreign.flush()
+        fcntl.fcntl(foreign, fcntl.F_OFD_SETLK, struct.pack("hhqqi", fcntl.F_WRLCK, os.SEEK_SET, 4097, 1, 0))
+        assert one.ask("close", old) == "0"
+        assert os.path.exists(path)
+        assert two.obtain("open-event", "E")[1] != NOT_FOUND
 
 
 @linux_files
@@ -500,14 +548,21 @@ def test_something_else_under_the_name_is_an_error(agents, make):
 @linux_files
 def test_a_stopped_holder_of_the_lock_makes_no_one_hang(agents):
     """Some process keeps the bytes locked that are meant to be locked for an instant."""
-    one = agents.start()
+    one, two = agents.start(), agents.start()
     handle, _ = one.obtain("create-semaphore", "S", 1, 3)
     with open(the_file(agents), "r+b") as file:
         lock = struct.pack("hhqqi", fcntl.F_WRLCK, os.SEEK_SET, 4096, 1, 0)
         fcntl.fcntl(file, fcntl.F_OFD_SETLK, lock)
+        begin = time.monotonic()
         assert one.wait(handle, 0) == FAILED
-        assert one.obtain("create-semaphore", "S", 1, 3) == ("0", 170)
+        assert time.monotonic() - begin < 1  # beside two seconds, for who has no time to wait
+        assert two.obtain("create-semaphore", "S", 1, 3) == ("0", BUSY)
     assert one.wait(handle, 0) == OBJECT
+    with open(the_file(agents), "r+b") as file:
+        fcntl.fcntl(file, fcntl.F_OFD_SETLK, lock)
+        begin = time.monotonic()
+        assert one.wait(handle, 0) == TIMEOUT  # nothing to take: no lock is needed to see it
+        assert time.monotonic() - begin < 0.04
 
 
 @linux_files
@@ -519,6 +574,284 @@ def test_a_file_that_others_may_not_open_denies_access(agents):
     other = agents.start(**AS_NOBODY)
     assert other.obtain("create-mutex", "M") == ("0", DENIED)
     assert other.ask("exclusive-mutex", "M") == "0"
+
+
+# A file that loses its name
+
+
+def remove(path):
+    os.unlink(path)
+
+
+def rename(path):
+    os.rename(path, path + ".old")
+
+
+def copy_over(path):
+    shutil.copy(path, path + ".new")
+    os.replace(path + ".new", path)
+
+
+def overwrite_by_something_else(path):
+    with open(path + ".new", "wb") as file:
+        file.write(b"not an object")
+    os.replace(path + ".new", path)
+
+
+def put_a_folder_there(path):
+    os.unlink(path)
+    os.mkdir(path)
+
+
+def put_a_pipe_there(path):
+    os.unlink(path)
+    os.mkfifo(path)
+
+
+def put_a_link_there(path):
+    os.unlink(path)
+    os.symlink("/nowhere", path)
+
+
+def make_the_folder_anew(path):
+    folder = os.path.dirname(path)
+    shutil.rmtree(folder)
+    os.mkdir(folder)
+    os.chmod(folder, 0o1777)
+
+
+LOSSES = pytest.mark.parametrize("lose", [remove, rename, copy_over, overwrite_by_something_else, put_a_folder_there,
+                                          put_a_pipe_there, put_a_link_there, make_the_folder_anew],
+                                 ids=lambda lose: lose.__name__)
+
+
+@linux_files
+@LOSSES
+def test_an_event_is_one_whatever_becomes_of_its_file(agents, lose):
+    one, two, three = agents.start(), agents.start(), agents.start()
+    first, _ = one.obtain("create-event", "E")
+    one.tell("wait", first, FOR_EVER)
+    eventually(lambda: blocked(one))
+    lose(the_file(agents))
+    second, error = two.obtain("create-event", "E")
+    assert error == EXISTS
+    third, _ = three.obtain("open-event", "E")
+    assert two.wait(second, 0) == TIMEOUT
+    assert three.ask("set", third) == "0"
+    assert one.answer() == str(OBJECT)
+    assert two.wait(second, 0) == OBJECT
+
+
+@linux_files
+def test_an_event_without_a_file_is_handed_on_by_each_of_its_holders(agents):
+    holder = agents.start()
+    handle, _ = holder.obtain("create-event", "E")
+    assert holder.ask("set", handle) == "0"
+    remove(the_file(agents))
+    for _ in range(5):
+        heir = agents.start()
+        handle, error = heir.obtain("create-event", "E")
+        assert (error, heir.wait(handle, 0)) == (EXISTS, OBJECT)
+        holder.kill()
+        holder = heir
+    assert os.listdir(agents.folder) == []
+    holder.kill()
+    last = agents.start()
+    handle, error = last.obtain("create-event", "E")
+    assert (error, last.wait(handle, 0)) == (NONE, TIMEOUT)
+
+
+@linux_files
+@pytest.mark.parametrize("end", ["close", "kill"])
+def test_an_object_without_a_file_ends_with_its_last_handle(agents, end):
+    one, two = agents.start(), agents.start()
+    handle, _ = one.obtain("create-event", "E")
+    remove(the_file(agents))
+    if end == "close":
+        assert one.ask("close", handle) == "0"
+    else:
+        one.kill()
+    assert two.obtain("open-event", "E") == ("0", NOT_FOUND)
+    assert two.obtain("create-event", "E")[1] == NONE
+
+
+@linux_files
+@LOSSES
+def test_an_automatic_lock_serialises_whatever_becomes_of_its_file(agents, lose):
+    one, two, three = agents.start(), agents.start(), agents.start()
+    assert one.ask("autolock", "LOG1067") == "locked"
+    lose(the_file(agents))
+    two.tell("autolock", "LOG1067")
+    three.tell("autolock", "LOG1067")
+    for waiting in (two, three):
+        eventually(lambda: blocked(waiting))
+    assert not select.select([two.process.stdout, three.process.stdout], [], [], 0.3)[0]
+    one.kill()
+    (first,) = select.select([two.process.stdout, three.process.stdout], [], [], LONG)[0]
+    winner, other = (two, three) if first is two.process.stdout else (three, two)
+    assert winner.answer() == "locked"
+    assert winner.ask("autounlock") == "unlocked"
+    assert other.answer() == "locked"
+
+
+@linux_files
+def test_many_who_come_at_once_after_the_loss_share_one_object(agents):
+    holder = agents.start()
+    racers = [agents.start() for _ in range(6)]
+    for round_number in range(30):
+        handle, _ = holder.obtain("create-event", f"E{round_number}")
+        (path,) = glob.glob(os.path.join(agents.folder, f"keltop.*E{round_number}"))
+        for racer in racers[:3]:
+            racer.tell("create-event", f"E{round_number}")
+        remove(path)
+        for racer in racers[3:]:
+            racer.tell("create-event", f"E{round_number}")
+        made = [racer.answer().split() for racer in racers]
+        assert [int(error) for _, error in made] == [EXISTS] * 6
+        assert holder.ask("set", handle) == "0"
+        assert [racer.wait(own, 0) for racer, (own, _) in zip(racers, made)] == [OBJECT] * 6
+
+
+@linux_files
+def test_files_removed_again_and_again_split_no_object(agents):
+    """Somebody cleans the folder all the time while processes create, open, set and close."""
+    racers = [agents.start() for _ in range(3)]
+    keeper = agents.start()
+    handle, _ = keeper.obtain("create-event", "E")
+    for racer in racers:
+        racer.tell("churn", "E", 500)
+    busy = list(racers)
+    while busy:
+        for path in glob.glob(os.path.join(agents.folder, "keltop.*")):
+            with contextlib.suppress(FileNotFoundError):
+                os.unlink(path)
+        busy = [racer for racer in busy if not select.select([racer.process.stdout], [], [], 0)[0]]
+    assert [racer.answer() for racer in racers] == ["0"] * 3
+    assert keeper.wait(handle, 0) == OBJECT
+
+
+@linux_files
+@as_root
+def test_an_object_without_a_file_is_for_every_account(agents):
+    agents.command = for_everybody(agents.command, agents.folder)
+    for first, second in (({}, AS_NOBODY), (AS_NOBODY, {})):
+        one, two = agents.start(umask=0o077, **first), agents.start(umask=0o077, **second)
+        event, _ = one.obtain("create-event", "E")
+        remove(os.path.join(agents.folder, "keltop.Global%5CE"))
+        opened, error = two.obtain("create-event", "E")
+        assert error == EXISTS
+        assert two.ask("set", opened) == "0"
+        assert one.wait(event, 0) == OBJECT
+        one.kill()
+        two.kill()
+
+
+@linux_files
+def test_a_stopped_holder_of_an_object_without_a_file_leads_to_no_second_one(agents):
+    one, two = agents.start(), agents.start()
+    handle, _ = one.obtain("create-event", "E")
+    remove(the_file(agents))
+    one.process.send_signal(signal.SIGSTOP)
+    begin = time.monotonic()
+    assert two.obtain("create-event", "E") == ("0", BUSY)
+    assert time.monotonic() - begin < 2 + LONG / 4
+    one.process.send_signal(signal.SIGCONT)
+    second, error = two.obtain("create-event", "E")
+    assert error == EXISTS
+    assert two.ask("set", second) == "0"
+    assert one.wait(handle, 0) == OBJECT
+
+
+def holder_address(agents):
+    """Where the holders of the event E answer, without the number of the holder."""
+    one = agents.start()
+    handle, _ = one.obtain("create-event", "E")
+    with open("/proc/net/unix", encoding="ascii", errors="replace") as table:
+        before = {line.split()[-1] for line in table if " @keltop.object." in line}
+    assert one.ask("close", handle) == "0"
+    with open("/proc/net/unix", encoding="ascii", errors="replace") as table:
+        after = {line.split()[-1] for line in table if " @keltop.object." in line}
+    gone = before - after
+    assert gone
+    return [address.replace("@", "\0", 1)[:-2] for address in gone]
+
+
+def squat(addresses, count=32):
+    """Sockets of somebody else where the holders of an object would have theirs."""
+    made = []
+    for address in addresses:
+        for number in range(count):
+            with contextlib.suppress(OSError):
+                listening = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+                listening.bind(f"{address}{number:02x}")
+                listening.listen(8)
+                made.append(listening)
+    return made
+
+
+@linux_files
+def test_strangers_in_the_holders_place_make_no_one_hang(agents):
+    two = agents.start()
+    squatters = squat(holder_address(agents))
+    assert squatters
+    begin = time.monotonic()
+    assert two.obtain("create-event", "E") == ("0", BUSY)
+    assert time.monotonic() - begin < 2 + LONG / 4
+    for squatter in squatters:
+        squatter.close()
+    assert two.obtain("create-event", "E")[1] == NONE
+
+
+def something_to_hand_out(kind, agents):
+    path = os.path.join(agents.folder, "handed")
+    if kind == "pipe":
+        os.mkfifo(path)
+        return os.open(path, os.O_RDWR)
+    if kind == "device":
+        return os.open("/dev/null", os.O_RDWR)
+    if kind == "folder":
+        return os.open(agents.folder, os.O_RDONLY)
+    if kind == "other file system":
+        return os.open("/proc/version", os.O_RDONLY)
+    return os.open(path, os.O_RDWR | os.O_CREAT)  # an empty file, dead
+
+
+@linux_files
+@pytest.mark.parametrize("text", [b"", b"another place", None], ids=["no text", "another text", "the text"])
+@pytest.mark.parametrize("kind", ["nothing", "pipe", "device", "folder", "other file system", "dead file"])
+def test_what_strangers_hand_out_is_not_trusted(agents, kind, text):
+    two = agents.start()
+    address = holder_address(agents)
+    if text is None:
+        real = os.path.realpath(agents.folder)
+        text = f"{os.stat(real).st_dev}:{real}/keltop.Global%5CE".encode()
+    squatters = squat(address)
+    done = threading.Event()
+
+    def serve(listening):
+        listening.settimeout(0.05)
+        while not done.is_set():
+            with contextlib.suppress(OSError):
+                connection, _ = listening.accept()
+                with connection:
+                    if kind == "nothing":
+                        connection.sendall(text or b"x")
+                    else:
+                        handed = something_to_hand_out(kind, agents)
+                        socket.send_fds(connection, [text or b"x"], [handed])
+                        os.close(handed)
+    threads = [threading.Thread(target=serve, args=(squatter,)) for squatter in squatters]
+    for thread in threads:
+        thread.start()
+    try:
+        handle, error = two.obtain("create-event", "E")
+        assert (error, two.wait(handle, 0)) == (NONE, TIMEOUT)
+    finally:
+        done.set()
+        for thread in threads:
+            thread.join()
+        for squatter in squatters:
+            squatter.close()
 
 
 # Two accounts

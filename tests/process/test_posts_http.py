@@ -11,7 +11,7 @@ import time
 
 import pytest
 
-from conftest import LONG, STOP_LINE, windows_cannot, without_trace
+from conftest import LONG, STOP_LINE, wine_cannot, without_trace
 from peers import JSON_BODY, Peer, answering, exchange_of, masked, read_request, reset
 
 OK = b"HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nhi"
@@ -202,7 +202,7 @@ def test_what_cannot_be_read_as_a_response(keltop, name):
     assert last.startswith(b"Post(1261) Read error: ") and last.count(b"\n") == 1, last[:200]
 
 
-@windows_cannot("Wine tells a reset as an end")
+@wine_cannot("tells a reset as an end", "8.0")
 def test_reset_instead_of_an_answer(keltop):
     def serve(peer, connection):
         peer.request = read_request(connection)

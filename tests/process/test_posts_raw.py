@@ -9,7 +9,7 @@ import sys
 
 import pytest
 
-from conftest import LONG, free_port, windows_cannot
+from conftest import LONG, free_port, windows_cannot, wine_cannot
 from peers import Peer, exchange_of, masked, read_request, reset
 
 BODY = (b'<?xml version="1.0" encoding="ISO-8859-1"?>\r\n<inventory>\n'
@@ -137,7 +137,7 @@ def test_a_peer_that_sends_nothing_and_closes(keltop):
     assert console.endswith(b"</inventory>\n\r\n\nPost(1089) Zerio bytes read\n")
 
 
-@windows_cannot("Wine tells a reset as an end, or not at all")
+@wine_cannot("tells a reset as an end, or not at all", "8.0")
 def test_reset_while_sending(keltop):
     def serve(peer, connection):
         assert connection.recv(1000)

@@ -14,7 +14,7 @@ import time
 import pytest
 
 from conftest import (HEAD, LONG, SLOWNESS, WORKERS, eventually, listening_on, raise_descriptor_limit,
-                      soft_descriptor_limit, windows_cannot, without_trace)
+                       soft_descriptor_limit, windows_cannot, wine_cannot, without_trace)
 from peers import reset
 
 ANY = ("127.0.0.1", 0)
@@ -390,10 +390,23 @@ def test_peers_one_after_another(raw):
     assert raw.end() == expected
 
 
+def test_peers_that_connect_send_and_close_in_a_crowd_are_all_shown(raw):
+    raise_descriptor_limit()
+    for turn in range(3):
+        for number in range(300):
+            with socket.create_connection(("127.0.0.1", raw.port), LONG) as peer:
+                peer.sendall(b"<%d of turn %d>" % (number, turn))
+        eventually(lambda: raw.running.output.count(b"\r\nDisconnect") == 300 * (turn + 1), what="every peer's end")
+    shown = raw.end()
+    for turn in range(3):
+        for number in range(300):
+            assert shown.count(b"<%d of turn %d>" % (number, turn)) == 1
+
+
 # Resets
 
 
-@windows_cannot("Wine tells a reset as an end")
+@wine_cannot("tells a reset as an end", "8.0")
 def test_a_reset_shows_two_lines_and_harms_no_other_peer(raw):
     other, peer = raw.peer(), raw.peer()
     begins, ends = connected(peer), closing(peer)
@@ -418,7 +431,21 @@ def test_what_came_before_a_reset_is_shown(raw):
     assert raw.end() == begins + b"ABCError: Connection reset by peer\n" + ends
 
 
-@windows_cannot("Wine tells a reset as an end")
+@wine_cannot("tells a reset as an end", "8.0")
+@pytest.mark.parametrize("sent", [b"", b"ABC", b"x" * 5_000], ids=len)
+def test_a_peer_that_resets_at_once_is_shown_with_its_bytes(raw, sent):
+    expected = b""
+    for _ in range(40):
+        peer = raw.connect()
+        begins, ends = connected(peer), closing(peer)
+        peer.sendall(sent)
+        reset(peer)
+        expected += begins + sent + b"Error: Connection reset by peer\n" + ends
+        raw.running.wait_for(ends)
+    assert raw.end() == expected
+
+
+@wine_cannot("tells a reset as an end", "8.0")
 def test_a_reset_in_the_midst_of_a_burst(raw):
     peer = raw.peer()
     ends = closing(peer)

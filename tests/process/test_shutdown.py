@@ -3,6 +3,7 @@
 import contextlib
 import fcntl
 import os
+import re
 import signal
 import socket
 import subprocess
@@ -240,6 +241,42 @@ def test_listeners_of_other_accounts_end_too(keltop):
         assert wait_for_all(listeners) == [0, 0]
 
 
+# The event's file is removed
+
+
+def clean(keltop):
+    """As a login manager removes an account's files at its last logout."""
+    for name in os.listdir(keltop.objects):
+        os.unlink(os.path.join(keltop.objects, name))
+
+
+@pytest.mark.parametrize("trigger", [interrupt, close_window, set_event], ids=lambda trigger: trigger.__name__)
+@pytest.mark.parametrize("who", [0, 1], ids=["the first", "the second"])
+def test_listeners_end_together_whatever_became_of_the_events_file(keltop, neighbours, who, trigger):
+    listeners = [keltop.listen()]
+    clean(keltop)
+    listeners += [keltop.listen(*RAW), keltop.listen()]
+    if who == 1:
+        clean(keltop)
+        listeners.reverse()
+    with peers(listeners[1][1], 3, b"x"):
+        trigger(Event(neighbours), listeners)
+        assert wait_for_all(listeners) == [0] * 3
+
+
+@as_root
+def test_listeners_end_together_after_the_account_that_was_first_has_gone(keltop):
+    """The file belongs to whoever ran keltop first, even for one post, and goes with that account's last logout."""
+    os.chmod(keltop.objects, 0o1777)
+    keltop.command = for_everybody(keltop.command, keltop.folder)
+    keltop.run("-rsi", "json", **AS_NOBODY)
+    first = keltop.listen()
+    clean(keltop)
+    second = keltop.listen(*RAW, **AS_NOBODY)
+    second[0].send_signal(signal.SIGINT)
+    assert wait_for_all([first, second]) == [0, 0]
+
+
 # A terminal
 
 
@@ -461,3 +498,159 @@ def test_a_blocked_output_does_not_keep_it(keltop, neighbours, mode, trigger):
     finally:
         os.close(output)
         os.close(unread)
+
+
+@MODES
+@pytest.mark.parametrize("trigger", [interrupt, close_window, set_event], ids=lambda trigger: trigger.__name__)
+def test_an_output_that_is_full_before_it_listens_does_not_keep_it(keltop, neighbours, mode, trigger):
+    """Banner and options fit; what the listener says first has to wait, and the main thread has to say it."""
+    unread, output = os.pipe()
+    try:
+        size = fcntl.fcntl(output, fcntl.F_SETPIPE_SZ, 4096)
+        os.write(output, b"." * (size - len(HEAD) - 100))
+        running = keltop.start("-p", "65536", *mode, stdout=output, start_new_session=True)
+        eventually(lambda: unread_bytes(unread) > size - 100, what="a full pipe")
+        eventually(lambda: os.listdir(keltop.objects), what="the event")
+        event = Event(neighbours)
+        assert running.process.poll() is None
+        trigger(event, [(running, None)])
+        assert running.wait() == 0
+        assert b"Press" not in os.read(unread, size)  # it did wait
+    finally:
+        os.close(output)
+        os.close(unread)
+
+
+# A reader that has gone
+
+
+def ends_its_trace(keltop):
+    """Whether the program's trace file has its last line."""
+    with open(os.path.join(keltop.data, "TRACELOGS", "LOG1067.ltt"), "rb") as file:
+        return file.read().endswith(b"LOG1067 0000 0000  00000000 \r\n")
+
+
+@contextlib.contextmanager
+def listening_to_nobody(keltop, mode):
+    """A listener whose reader has gone after what it shows at its start."""
+    unread, output = os.pipe()
+    with open(unread, "rb", buffering=0) as reader:
+        running, port = keltop.listen(*mode, stdout=output)
+        os.close(output)
+        shown = b""
+        while not shown.endswith(listening_on(port)):
+            shown += reader.read(4096)
+            shown = without_trace(shown)
+    yield running, port
+
+
+@MODES
+@pytest.mark.parametrize("trigger", [interrupt, close_window, set_event], ids=lambda trigger: trigger.__name__)
+def test_a_listener_whose_reader_went_first_is_stopped_as_any_other(keltop, neighbours, mode, trigger):
+    """Ctrl-C on `keltop ... | tee file` reaches both, and tee is the faster one."""
+    with listening_to_nobody(keltop, mode) as (running, port):
+        trigger(Event(neighbours), [(running, port)])
+        assert running.wait() == 0
+    assert ends_its_trace(keltop)
+
+
+def test_a_text_between_the_readers_end_and_the_listeners_does_no_harm(keltop):
+    """The reader is gone, Ctrl-C is on its way, and a connection writes."""
+    for _ in range(5):
+        with listening_to_nobody(keltop, RAW) as (running, port), peers(port, 4, b"x"):
+            time.sleep(0.01)  # so that they write before
+            running.send_signal(signal.SIGINT)
+            assert running.wait() == 0
+        assert ends_its_trace(keltop)
+
+
+@pytest.mark.parametrize("pipeline", ['"$@" | head -1', '"$@" | true'])
+@pytest.mark.parametrize("post", ["-rsi", "-isi"])
+def test_a_post_is_sent_whole_whoever_reads(keltop, post, pipeline):
+    def serve(peer, connection):
+        peer.request = read_request(connection)
+        connection.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nhi")
+
+    with Peer(serve) as peer:
+        shell = subprocess.run(["bash", "-c", f"{pipeline}; exit ${{PIPESTATUS[0]}}", "bash", *keltop.command, post, "json",
+                                "-url", f"http://127.0.0.1:{peer.port}/"], env=keltop.env, stdin=subprocess.DEVNULL,
+                               stdout=subprocess.PIPE, timeout=LONG)
+    assert peer.request.endswith(b"}")
+    assert shell.returncode == 0
+    assert ends_its_trace(keltop)
+
+
+@pytest.mark.parametrize("switches", [["-h"], ["-p"], ["-raw"]], ids=" ".join)
+def test_what_neither_listens_nor_posts_ends_with_its_reader(keltop, switches):
+    unread, output = os.pipe()
+    os.close(unread)
+    running = keltop.start(*switches, stdout=output)
+    os.close(output)
+    assert running.wait() == -signal.SIGPIPE
+
+
+# A wait that fails
+
+
+@MODES
+def test_a_wait_that_fails_is_an_error_of_the_listener(keltop, mode):
+    running, port = keltop.listen(*mode)
+    with peers(port, 3, b"x"):
+        begin = time.monotonic()
+        os.truncate(os.path.join(keltop.objects, "keltop.Global%5CKELTOP_SHUTDOWN"), 3)
+        assert running.wait() == 1
+        assert time.monotonic() - begin < BOUND
+    errors = re.findall(rb"Error: .*", running.output)
+    assert errors == [b"Error: System exception: Cannot wait for the shutdown event"]
+    assert ends_its_trace(keltop)
+
+
+# By hand
+
+
+STOP_BY_HAND = re.compile(r"^printf .* \| dd of=\S+.*$", re.MULTILINE)
+
+
+def the_line(keltop):
+    """The line of the documentation that stops every listener, for the folder of this test."""
+    with open(os.path.join(os.path.dirname(__file__), "../../docs/named-objects.md"), encoding="utf-8") as page:
+        (line,) = STOP_BY_HAND.findall(page.read())
+    assert "=/dev/shm/" in line
+    return line.replace("=/dev/shm/", f"={keltop.objects}/")
+
+
+def by_hand(keltop, **account):
+    return subprocess.run(["sh", "-c", the_line(keltop)], stderr=subprocess.PIPE, timeout=LONG, **account)
+
+
+@MODES
+def test_the_line_of_the_documentation_stops_every_listener(keltop, mode):
+    running, _ = keltop.listen(*mode)
+    assert by_hand(keltop).returncode == 0
+    assert running.wait() == 0
+
+
+def test_the_line_of_the_documentation_changes_nothing_without_an_event(keltop):
+    by_hand(keltop)
+    assert os.listdir(keltop.objects) == []
+    running, port = keltop.listen()
+    assert shows_and_answers(running, port, HTTP)
+
+
+def test_the_line_of_the_documentation_is_of_no_account_after_the_event(keltop):
+    """What a listener left behind is dead, and stays so."""
+    assert keltop.listen()[0].interrupt() == 0
+    by_hand(keltop)
+    running, port = keltop.listen()
+    assert shows_and_answers(running, port, HTTP)
+    assert running.process.poll() is None
+
+
+@as_root
+def test_the_line_of_the_documentation_works_on_another_accounts_event(keltop):
+    """Where the system refuses to create what is there already (fs.protected_regular)."""
+    os.chmod(keltop.objects, 0o1777)
+    keltop.command = for_everybody(keltop.command, keltop.folder)
+    running, _ = keltop.listen(**AS_NOBODY)
+    assert by_hand(keltop).returncode == 0
+    assert running.wait() == 0

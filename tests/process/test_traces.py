@@ -1,5 +1,6 @@
 """Trace files, written by real processes."""
 
+import datetime
 import os
 import random
 import re
@@ -9,6 +10,7 @@ import subprocess
 import tempfile
 import threading
 import time
+import zoneinfo
 
 import pytest
 
@@ -105,6 +107,41 @@ def test_the_echo_carries_the_time_stamp_of_the_file(keltop):
     done = keltop.run("-h")
     stamp = re.search(TIME_STAMP, ECHOED_BANNER.search(done.stdout)[0])[0]
     assert re.search(rb" " + stamp + rb" 00000006 KELTOP", live(keltop))
+
+
+@linux_files
+@pytest.mark.parametrize("zone", ["Etc/UTC", "Europe/Dublin", "Australia/Lord_Howe", "Africa/Casablanca", "Asia/Kathmandu",
+                                  "America/St_Johns", "Pacific/Kiritimati", "Antarctica/Troll"])
+def test_time_stamps_are_the_local_wall_clock(keltop, zone):
+    place = zoneinfo.ZoneInfo(zone)
+    before = datetime.datetime.now(place).replace(tzinfo=None)
+    keltop.run("-h", env={**keltop.env, "TZ": zone})
+    after = datetime.datetime.now(place).replace(tzinfo=None)
+    stamps = re.findall(TIME_STAMP, live(keltop))
+    assert len(stamps) == 2
+    for stamp in stamps:
+        time_of_line = datetime.datetime.strptime(stamp.decode() + "000", "%Y/%m/%d-%H:%M:%S:%f")
+        assert before - datetime.timedelta(milliseconds=1) <= time_of_line <= after
+
+
+@linux_files
+def test_a_change_of_the_offset_is_in_the_next_line(keltop, trace_agent):
+    """A process whose zone goes to summer time while it traces."""
+    change = datetime.datetime.now(datetime.timezone.utc).replace(microsecond=0) + datetime.timedelta(seconds=3)
+    day = (change - change.replace(month=1, day=1)).days + 1  # counted from 1 January, without a 29 February
+    if change.year % 4 == 0 and change.month > 2:
+        day -= 1
+    keltop.env["TZ"] = f"AAA0BBB-1,J{day}/{change:%H:%M:%S},J{(day + 180) % 365 + 1}"
+    agent = trace_agent("steps")
+    while datetime.datetime.now(datetime.timezone.utc) < change + datetime.timedelta(seconds=1):
+        agent.write("line")
+    stamps = [datetime.datetime.strptime(stamp.decode() + "000", "%Y/%m/%d-%H:%M:%S:%f")
+              for stamp in re.findall(TIME_STAMP, live(keltop))]
+    local = change.replace(tzinfo=None)
+    hour = datetime.timedelta(hours=1)
+    assert any(stamp < local for stamp in stamps) and any(stamp >= local + hour for stamp in stamps)
+    assert not [stamp for stamp in stamps if local <= stamp < local + hour]
+    assert stamps == sorted(stamps)
 
 
 def test_without_the_trace_the_output_is_the_help_alone(keltop):
@@ -297,6 +334,117 @@ def test_a_full_disk_is_waited_out_and_leaves_no_torn_line(keltop, trace_agent):
     after = written()
     assert after[:len(before)] == before
     assert after[-2:] == [b"File opened", b"two"]
+
+
+@linux_files
+@pytest.mark.skipif(not can_mount(), reason="needs root and a mount namespace for a small disk")
+def test_a_rotation_without_room_for_the_copy_changes_nothing_and_waits_for_room(keltop, trace_agent):
+    folder = os.path.dirname(live_path(keltop))
+    mount = f'mount -t tmpfs -o size=64m tmpfs "{folder}" && exec "$@"'
+    agent = trace_agent("steps", prefix=["unshare", "-m", "sh", "-c", mount, "sh"])
+    agent.write("one")
+    inside = f"/proc/{agent.process.pid}/root{folder}"
+    older = [f"LOG1067-{number}.ltt" for number in range(1, 7)]
+    for name in older:
+        with open(f"{inside}/{name}", "wb") as file:
+            file.write(b"older")
+    with open(f"{inside}/filler", "wb") as file:
+        file.write(bytes(32 << 20))  # leaves less room than the copy takes
+    os.truncate(f"{inside}/LOG1067.ltt", FULL)  # most of it a hole, which takes no room
+    for text in ("two", "three"):
+        agent.write(text)
+    assert sorted(os.listdir(inside)) == sorted([*older, "LOG1067.ltt", "filler"])
+    with open(f"{inside}/LOG1067.ltt", "rb") as file:
+        assert texts(file.read(300).split(b"\0")[0]) == [b"File opened", b"one"]
+        file.seek(FULL)
+        assert texts(file.read()) == [b"two", b"three"]
+    os.remove(f"{inside}/filler")
+
+    def rotated():
+        agent.write("again")
+        return os.path.getsize(f"{inside}/LOG1067.ltt") < FULL
+
+    eventually(rotated, what="the rotation")
+    left = os.listdir(inside)
+    assert len(left) == 4 and len(set(left) - set(older)) == 2, left
+
+
+@linux_files
+def test_a_file_that_was_moved_away_is_copied_before_it_is_emptied(keltop, trace_agent):
+    folder = os.path.dirname(live_path(keltop))
+    first, second = trace_agent("steps"), trace_agent("steps")
+    first.write("kept")
+    os.rename(live_path(keltop), os.path.join(folder, "moved"))
+    os.truncate(os.path.join(folder, "moved"), FULL)
+    first.write("fills it")
+    second.write("of another file")
+    first.write("rotates")
+    copy, = (name for name in os.listdir(folder) if "-" in name)
+    with open(os.path.join(folder, copy), "rb") as file:
+        content = file.read()
+    assert texts(content[:300].split(b"\0")[0]) == [b"File opened", b"kept"]
+    assert texts(content[FULL:]) == [b"fills it"]
+    assert os.path.getsize(os.path.join(folder, "moved")) == 0
+    assert texts(live(keltop)) == [b"File opened", b"of another file", b"File opened", b"rotates"]
+
+
+LIMIT = 4096
+
+
+def limited(keltop):
+    """The program under a limit for the size of what it writes, which its trace file has reached."""
+    with open(live_path(keltop), "wb") as file:
+        file.write(b"x" * (LIMIT - 2) + b"\r\n")
+    keltop.command = ["prlimit", f"--fsize={LIMIT}", "--", *keltop.command]
+
+
+@linux_files
+@pytest.mark.parametrize("switches", [("-h",), ("-rsi", "json", "-url", "http://127.0.0.1:{}/rsi")], ids=["help", "post"])
+def test_a_file_size_limit_loses_lines_and_nothing_else(keltop, switches):
+    with socket.create_server(("127.0.0.1", 0)) as server:
+        port = server.getsockname()[1]
+        whole = without_trace(keltop.run("-h").stdout)
+        limited(keltop)
+        sent = []
+
+        def serve():
+            peer, _ = server.accept()
+            with peer:
+                sent.append(peer.recv(65536))
+                peer.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n")
+
+        if switches[0] == "-rsi":
+            server.settimeout(LONG)
+            thread = threading.Thread(target=serve)
+            thread.start()
+        done = keltop.run(*(word.format(port) for word in switches))
+        assert (done.returncode, done.stderr) == (0, b"")
+        if switches[0] == "-rsi":
+            thread.join()
+            assert sent[0].startswith(b"POST /rsi/ HTTP/1.1\r\n")
+            assert b"HTTP/1.1 OK 200" in done.stdout
+        else:
+            assert without_trace(done.stdout) == whole
+    assert os.path.getsize(live_path(keltop)) == LIMIT
+
+
+@linux_files
+@pytest.mark.parametrize("output", ["pipe", "file"])
+def test_a_listener_goes_on_under_a_file_size_limit(keltop, output):
+    limited(keltop)
+    with open(os.path.join(keltop.folder, "console"), "wb") as console:
+        running, port = keltop.listen(**({} if output == "pipe" else {"stdout": console}))
+        for number in range(20):
+            with socket.create_connection(("127.0.0.1", port)) as peer:
+                peer.settimeout(LONG)
+                peer.sendall(b"GET /%d HTTP/1.1\r\nHost: me\r\n\r\n" % number)
+                assert peer.recv(12) == b"HTTP/1.1 200", number
+        assert running.interrupt() == 0
+    if output == "file":
+        assert os.path.getsize(console.name) <= LIMIT
+    else:
+        assert running.output.count(b"GET /") == 20
+    assert os.path.getsize(live_path(keltop)) == LIMIT
 
 
 @linux_files

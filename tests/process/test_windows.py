@@ -1,14 +1,18 @@
 """What only the Windows build has: the program file, the console system's events, the system's own shutdown event."""
 
+import contextlib
 import os
 import re
 import socket
 import subprocess
+import threading
+import time
 
 import pytest
 
 import wine
 from conftest import LONG, eventually, free_port, is_listening
+from peers import Peer, read_request
 
 pytestmark = pytest.mark.skipif("not config.getoption('--keltop').endswith('.exe')",
                                 reason="about the program for Windows")
@@ -50,19 +54,39 @@ def test_the_file_tells_its_version_and_asks_for_nothing(keltop):
     assert b"activeCodePage" not in program
 
 
+def test_the_system_shows_no_boxes(keltop):
+    agent = [*keltop.command[:-1], os.path.join(os.path.dirname(keltop.command[-1]), "keltop_error_mode_agent.exe")]
+    done = subprocess.run(agent, env=keltop.env, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                          stderr=subprocess.PIPE, timeout=LONG)
+    assert (done.stderr.split(), done.returncode) == ([b"before", b"0", b"after", b"3"], 0)
+
+
+def test_it_is_hardened(keltop):
+    told = headers(keltop)
+    characteristics = told[told.index("DllCharacteristics"):].split("SizeOfStackReserve")[0].split()
+    assert {"HIGH_ENTROPY_VA", "DYNAMIC_BASE", "NX_COMPAT"} <= set(characteristics)
+    # It can be put anywhere: it has the list of what changes then, and may be above 4 GB.
+    assert int(re.search(r"([0-9a-f]+) Base Relocation Directory", told)[1], 16) > 0
+    assert int(re.search(r"^ImageBase\s+([0-9a-f]+)", told, re.MULTILINE)[1], 16) >= 1 << 32
+    # Guarded returns: what the guard says is in the program only where something calls it.
+    with open(keltop.command[-1], "rb") as file:
+        assert b"*** stack smashing detected ***" in file.read()
+
+
 # Ending
 
 
 class Hosted:
-    """The program, run by the console host, which tells it of console events."""
+    """The program, run by the console host, which tells it of console events and ends it as the console system does."""
 
-    def __init__(self, keltop):
+    def __init__(self, keltop, *switches):
         self.port = free_port()
         host = [*keltop.command[:-1], os.path.join(os.path.dirname(keltop.command[-1]), "keltop_console_host.exe")]
-        program = wine.windows_path(keltop.command[-1])
-        self.process = subprocess.Popen([*host, f"{program} -p {self.port}"], env=keltop.env, stdin=subprocess.PIPE,
+        words = [wine.windows_path(keltop.command[-1]), *(switches or ["-p", str(self.port)])]
+        self.process = subprocess.Popen([*host, " ".join(words)], env=keltop.env, stdin=subprocess.PIPE,
                                         stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
-        eventually(lambda: is_listening(self.port), what="listening")
+        if not switches:
+            eventually(lambda: is_listening(self.port), what="listening")
 
     def tell(self, control):
         self.process.stdin.write(b"%d\n" % control)
@@ -79,6 +103,27 @@ def test_ctrl_c_and_a_closed_console_end_every_listener_in_good_order(keltop, co
     other, _ = keltop.listen("-raw")
     told.tell(control)
     assert told.code() == 0
+    assert other.wait() == 0
+
+
+def test_a_console_closed_during_a_post_does_not_wait_for_the_post(keltop):
+    """It ends every listener, and the process as soon as that is done: the system would kill it after five seconds."""
+    other, _ = keltop.listen("-raw")
+    asked = threading.Event()
+
+    def serve(peer, connection):
+        peer.request = read_request(connection)
+        asked.set()
+        with contextlib.suppress(ConnectionError):
+            connection.recv(1)
+
+    with Peer(serve) as peer:
+        told = Hosted(keltop, "-rsi", "json", "-url", f"http://127.0.0.1:{peer.port}/")
+        assert asked.wait(LONG)
+        begin = time.monotonic()
+        told.tell(CLOSED)
+        told.code()
+        assert time.monotonic() - begin < 4
     assert other.wait() == 0
 
 

@@ -4,8 +4,10 @@ Machine-wide objects, the registry and the drive are those of a prefix. Every wo
 that tests which run side by side do not meet. They are copies: making one takes Wine many seconds.
 """
 
+import functools
 import glob
 import os
+import re
 import shutil
 import subprocess
 import tempfile
@@ -16,6 +18,13 @@ DATA_LOCATION = "DataLocation"
 
 class LostStart(AssertionError):
     """A program under Wine ended before it did anything. A test that meets it is run again, and counted as such."""
+
+
+@functools.cache
+def version():
+    """Which Wine this is, as "8.0"."""
+    told = subprocess.run(["wine", "--version"], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, check=True).stdout
+    return re.match(r"wine-([\d.]+)", told.decode())[1]
 
 
 def check_start(command, code, output):

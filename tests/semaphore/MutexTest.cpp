@@ -7,6 +7,7 @@
 
 #include "semaphore/Mutex.h"
 #include "support/ClosedHandle.h"
+#include "support/DeniedName.h"
 #include "support/Timing.h"
 #include "support/UniqueName.h"
 
@@ -49,6 +50,32 @@ TEST(Mutex, keepsOtherThreadsOutUntilEveryHoldIsReleased) {
   EXPECT_EQ(lockElsewhere(mutex), kTimeUp);
   mutex.unlock();
   EXPECT_EQ(lockElsewhere(mutex), kAcquired);
+}
+
+TEST(Mutex, isRefusedWhereAccessIsDenied) {
+  const keltop::DeniedName denied;
+  for (const bool openExisting : {false, true}) {
+    Mutex mutex;
+    EXPECT_FALSE(mutex.create(denied.text(), openExisting));
+    EXPECT_EQ(mutex.handle(), ObjectHandle::none);
+    EXPECT_EQ(mutex.lock(0), kOther);
+  }
+}
+
+/// What counts is the error of this creation, and one that succeeds has none.
+TEST(Mutex, isCreatedWhateverErrorStoodBefore) {
+  for (const bool openExisting : {false, true}) {
+    {
+      const keltop::DeniedName denied;
+      Mutex refused;
+      EXPECT_FALSE(refused.create(denied.text(), openExisting));
+    }
+    ASSERT_EQ(platform::lastError(), platform::kErrorAccessDenied);
+    Mutex mutex;
+    EXPECT_TRUE(mutex.create(uniqueName(), openExisting));
+    EXPECT_NE(mutex.handle(), ObjectHandle::none);
+    EXPECT_EQ(lockElsewhere(mutex), kAcquired);
+  }
 }
 
 TEST(Mutex, onlyTheOwnerCanRelease) {

@@ -9,6 +9,7 @@
 #include "semaphore/Mutex.h"
 #include "semaphore/MutexAutoLock.h"
 #include "semaphore/Semaphore.h"
+#include "support/DeniedName.h"
 #include "support/UniqueName.h"
 
 keltop::platform::OpenAccess::OpenAccess() noexcept = default;  // not ready
@@ -23,7 +24,10 @@ using platform::ObjectHandle;
 /// Makes `error` the calling thread's last error, as a call before would have left it.
 void leaveError(std::uint32_t error) {
   const std::string name = "Global\\" + uniqueName();
-  if (error == platform::kErrorAlreadyExists) {
+  if (error == platform::kErrorAccessDenied) {
+    const keltop::DeniedName denied;
+    EXPECT_EQ(platform::createMutex(nullptr, "Global\\" + denied.text()), ObjectHandle::none);
+  } else if (error == platform::kErrorAlreadyExists) {
     const ObjectHandle first = platform::createEvent(nullptr, name);
     platform::closeObject(platform::createEvent(nullptr, name));
     platform::closeObject(first);
@@ -62,6 +66,11 @@ TEST(RefusedAccess, aMutexFollowsTheErrorThatStoodLast) {
   EXPECT_FALSE(mutex.create(uniqueName(), false));
   leaveError(platform::kErrorAlreadyExists);
   EXPECT_TRUE(mutex.create(uniqueName(), true));
+  for (const bool openExisting : {false, true}) {
+    leaveError(platform::kErrorAccessDenied);
+    EXPECT_FALSE(mutex.create(uniqueName(), openExisting));
+    EXPECT_EQ(mutex.handle(), ObjectHandle::none);
+  }
 }
 
 TEST(RefusedAccess, anAutomaticLockDoesNotWait) {

@@ -1,6 +1,7 @@
 #include "support/RefusedCall.h"
 
 #include <dlfcn.h>
+#include <pthread.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -83,6 +84,11 @@ int linkat(int fromFolder, const char* from, int toFolder, const char* to, int f
   return refused("linkat")
              ? -1
              : original<int(int, const char*, int, const char*, int)>("linkat")(fromFolder, from, toFolder, to, flags);
+}
+
+int pthread_setspecific(pthread_key_t key, const void* value) noexcept {
+  return refused("pthread_setspecific") ? errno
+                                        : original<int(pthread_key_t, const void*)>("pthread_setspecific")(key, value);
 }
 
 ssize_t sendfile(int to, int from, off_t* offset, std::size_t count) noexcept {

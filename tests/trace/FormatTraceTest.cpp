@@ -15,6 +15,18 @@ TEST(FormatTrace, aTimeStampHasEveryFieldFilledUp) {
             "0987/12/31-23:59:58:007");
 }
 
+TEST(FormatTrace, aTimeStampFollowsEachFieldOfTheOneBefore) {
+  EXPECT_EQ(timeStamp({}), "0000/00/00-00:00:00:000");
+  for (std::uint16_t platform::LocalTime::*const field :
+       {&platform::LocalTime::year, &platform::LocalTime::month, &platform::LocalTime::day, &platform::LocalTime::hour,
+        &platform::LocalTime::minute, &platform::LocalTime::second, &platform::LocalTime::milliseconds}) {
+    platform::LocalTime other = kTime;
+    ++(other.*field);
+    EXPECT_EQ(timeStamp(kTime), "2024/01/15-09:05:07:042");
+    EXPECT_NE(timeStamp(other), "2024/01/15-09:05:07:042");
+  }
+}
+
 TEST(FormatTrace, aCompactTimeStampHasThePlainYear) {
   EXPECT_EQ(compactTimeStamp(kTime), "20240115090507042");
   EXPECT_EQ(compactTimeStamp({.year = 987, .month = 12, .day = 31}), "9871231000000000");

@@ -6,6 +6,8 @@
 #include <future>
 #include <memory>
 #include <string>
+#include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -203,14 +205,74 @@ TEST_F(LogFileTest, anOlderCopyOfTheSameNameIsReplaced) {
   EXPECT_EQ(fs::file_size(trace(kCopy)), kFull);
 }
 
-TEST_F(LogFileTest, aCopyThatCannotBeMadeLeavesTheFileAsItIs) {
+TEST_F(LogFileTest, aCopyThatCannotBeMadeLeavesEveryFileAsItIs) {
+  fs::create_directory(trace(kCopy));
+  for (const char* name : {"LOG1067-1.ltt", "LOG1067-2.ltt", "LOG1067-3.ltt", "LOG1067-4.ltt", "LOG1067-5.ltt"}) {
+    makeFile(trace(name), "copy", 60);
+  }
+  makeLive(kFull);
+  file_.open();
+  const Names before = filesIn(traces());
+  file_.checkSize();
+  EXPECT_EQ(filesIn(traces()), before) << "no copy is deleted for one that was not made";
+  EXPECT_EQ(fs::file_size(trace(kLive)), kFull) << "no marker";
+  EXPECT_TRUE(file_.isOpen());
+}
+
+TEST_F(LogFileTest, aDayChangeWhoseCopyCannotBeMadeLeavesTheLiveFileAsItIs) {
+  fs::create_directory(trace(kCopy));
+  makeFile(trace("LOG1067-1.ltt"), "one");
+  file_.write("yesterday\r\n");
+  const std::string yesterday = live();
+  FakeClock::set(at(1, 16));
+  file_.changeDay();
+  EXPECT_EQ(live(), yesterday);
+  EXPECT_TRUE(file_.isOpen());
+  EXPECT_EQ(contentOf(archive() / "LOG1067-1.ltt"), "one") << "the copies of other days have their place all the same";
+  file_.write("today\r\n");
+  EXPECT_EQ(live(), yesterday + "today\r\n");
+}
+
+TEST_F(LogFileTest, aCopyThatCouldNotBeMadeIsTriedAgainAfterASecond) {
   fs::create_directory(trace(kCopy));
   makeLive(kFull);
   file_.open();
+  const auto before = std::chrono::steady_clock::now();
   file_.checkSize();
-  EXPECT_EQ(fs::file_size(trace(kLive)), kFull + opened().size()) << "reopened, with everything in it";
-  EXPECT_TRUE(file_.isOpen());
+  fs::remove(trace(kCopy));
+  while (fs::file_size(trace(kLive)) == kFull && std::chrono::steady_clock::now() - before < std::chrono::seconds(60)) {
+    file_.checkSize();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  EXPECT_GE(std::chrono::steady_clock::now() - before, almost(std::chrono::seconds(1)));
+  EXPECT_EQ(filesIn(traces()), (Names{kCopy, kLive}));
+  EXPECT_TRUE(live() == opened());
 }
+
+/// The two ways in which a file is copied and emptied.
+class LogFileMoved : public LogFileTest, public testing::WithParamInterface<void (LogFile::*)()> {};
+
+TEST_P(LogFileMoved, theFileThatIsEmptiedIsTheOneThatWasCopied) {
+  file_.write("kept\r\n");
+  if (onWindows()) {
+    std::error_code refused;
+    fs::rename(trace(kLive), trace("moved"), refused);
+    EXPECT_TRUE(refused) << "an open file keeps its name there";
+    return;
+  }
+  fs::rename(trace(kLive), trace("moved"));
+  fs::resize_file(trace("moved"), kFull);
+  file_.write("line\r\n");
+  const std::string moved = contentOf(trace("moved"));
+  makeFile(trace(kLive), "somebody else's\r\n");
+  (file_.*GetParam())();
+  const fs::path copy = fs::exists(trace(kCopy)) ? fs::path(trace(kCopy)) : archive() / kCopy;
+  EXPECT_TRUE(contentOf(copy) == moved) << "the copy is another file's";
+  EXPECT_EQ(fs::file_size(trace("moved")), 0U);
+  EXPECT_EQ(live(), "somebody else's\r\n" + opened()) << "the next line goes where the name leads";
+}
+
+INSTANTIATE_TEST_SUITE_P(Ways, LogFileMoved, testing::Values(&LogFile::checkSize, &LogFile::changeDay));
 
 TEST_F(LogFileTest, withoutTheRotationFlagNothingIsRotatedOrArchived) {
   LogFile plain(0, 1067, "LOG1067");

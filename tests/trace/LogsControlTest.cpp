@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "platform/KernelObjects.h"
+#include "platform/StandardOutput.h"
 #include "support/CapturedOutput.h"
 #include "support/Timing.h"
 #include "trace/FormatTrace.h"
@@ -213,6 +214,21 @@ TEST_F(WriterTest, withTheEchoEachLineIsPrintedInShort) {
   EXPECT_EQ(output.take(), "LOG1067 2024/01/15-09:05:07:042 text\r\nLOG1067  \r\n");
 }
 
+TEST_F(WriterTest, aLineIsEchoedBeforeItIsWritten) {
+  static std::string folder;
+  folder = data_.path().string();
+  control_.setEcho(true);
+  CapturedOutput output;
+  // Looked up when the line opens its file.
+  platform::setDataLocationSource([] {
+    (void)platform::writeStandardOutput("(opened)");
+    return folder;
+  });
+  control_.push(record("text"));
+  writer_.pass();
+  EXPECT_EQ(output.take(), "LOG1067 2024/01/15-09:05:07:042 text\r\n(opened)");
+}
+
 TEST_F(WriterTest, aLineThatCannotBeWrittenIsStillEchoed) {
   fs::remove(traces());
   control_.setEcho(true);
@@ -337,6 +353,16 @@ TEST(RegisterModule, theFirstRegistrationStays) {
   EXPECT_EQ(control.registry_.at(7).rotationFlag(), 7);
 }
 
+TEST(RegisterModule, numberZeroIsRefusedWithoutALookAtTheRegistry) {
+  Controller control(LogsControl::Writer::none);
+  ASSERT_EQ(control.moduleLock_.lock(0), platform::kWaitObject);
+  std::future<bool> registered =
+      std::async(std::launch::async, [&control] { return control.registerModule(1, 0, ""); });
+  EXPECT_EQ(registered.wait_for(std::chrono::seconds(5)), std::future_status::ready) << "half of what it would wait";
+  EXPECT_FALSE(registered.get());
+  control.moduleLock_.unlock();
+}
+
 TEST(RegisterModule, aRegistryThatIsNotFreeWithinTenSecondsRefuses) {
   Controller control(LogsControl::Writer::none);
   ASSERT_EQ(control.moduleLock_.lock(0), platform::kWaitObject);
@@ -450,13 +476,22 @@ TEST_F(ControllerThread, eightProducersRotationsAndAStopAtOnce) {
   }
 }
 
-class Pushes : public QXUTIL::ZEROMQ::WithContext {};
+/// Traces in a folder where no file can be made.
+class Pushes : public QXUTIL::ZEROMQ::WithContext {
+ protected:
+  Pushes() {
+    location = data_.path().string();
+    platform::setDataLocationSource([] { return location; });
+  }
+  ~Pushes() override { platform::setDataLocationSource(nullptr); }
+
+  static inline std::string location;
+
+ private:
+  const TemporaryFolder data_;
+};
 
 TEST_F(Pushes, eachLineIsOfferedToTheReceiver) {
-  const TemporaryFolder data;
-  static std::string location;
-  location = data.path().string();
-  platform::setDataLocationSource([] { return location; });
   const QXUTIL::ZEROMQ::Peer pull(ZMQ_PULL);
   {
     Controller control(LogsControl::Writer::none);
@@ -471,7 +506,65 @@ TEST_F(Pushes, eachLineIsOfferedToTheReceiver) {
     EXPECT_EQ(QXUTIL::ZEROMQ::sharedState().liveSockets, 1);
   }
   EXPECT_EQ(QXUTIL::ZEROMQ::sharedState().liveSockets, 0) << "the end of the writer closes its socket";
-  platform::setDataLocationSource(nullptr);
+}
+
+TEST_F(Pushes, aLineIsWrittenBeforeItIsOffered) {
+  static const QXUTIL::ZEROMQ::Peer* receiver = nullptr;
+  const QXUTIL::ZEROMQ::Peer pull(ZMQ_PULL);
+  receiver = &pull;
+  Controller control(LogsControl::Writer::none);
+  TraceWriter writer(control, pull.endpoint());
+  control.push(record("connects"));
+  writer.pass();
+  EXPECT_EQ(pull.receive().size(), 1U);
+  // Looked up when the next line opens its file.
+  platform::setDataLocationSource([]() -> std::string {
+    constexpr int kOnItsWay = 100;
+    EXPECT_EQ(receiver->receive(kOnItsWay), Names{}) << "offered first";
+    return location;
+  });
+  control.push(record("text", 5));
+  writer.pass();
+  EXPECT_EQ(pull.receive().size(), 1U);
+}
+
+TEST_F(Pushes, aRecordLostToABusyRegistryIsNotOffered) {
+  const QXUTIL::ZEROMQ::Peer pull(ZMQ_PULL);
+  Controller control(LogsControl::Writer::none);
+  TraceWriter writer(control, pull.endpoint());
+  control.push(record("one"));
+  writer.pass();
+  std::promise<void> held;
+  std::promise<void> passed;
+  std::thread holder([&] {
+    EXPECT_EQ(control.moduleLock_.lock(kLong), platform::kWaitObject);
+    held.set_value();
+    passed.get_future().wait();
+    control.moduleLock_.unlock();
+  });
+  held.get_future().wait();
+  control.push(record("lost"));
+  writer.pass();
+  passed.set_value();
+  holder.join();
+  const ThreadLogData three = record("three");
+  control.push(three);
+  writer.pass();
+  EXPECT_EQ(pull.receive().size(), 1U) << "the first";
+  EXPECT_EQ(pull.receive(), Names{" 3~  1067~ " + traceLine("LOG1067", three)});
+}
+
+TEST_F(Pushes, theEndOfTheWriterClosesItsSocketThoughOthersUseTheService) {
+  const QXUTIL::ZEROMQ::Peer pull(ZMQ_PULL);
+  const QXUTIL::ZEROMQ::ZPushService other;
+  Controller control(LogsControl::Writer::none);
+  {
+    TraceWriter writer(control, pull.endpoint());
+    control.push(record("text"));
+    writer.pass();
+    EXPECT_EQ(QXUTIL::ZEROMQ::sharedState().liveSockets, 1);
+  }
+  EXPECT_EQ(QXUTIL::ZEROMQ::sharedState().liveSockets, 0);
 }
 
 TEST(PushEndpoint, isAFixedPortOfThisMachine) {

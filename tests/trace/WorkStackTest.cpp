@@ -76,6 +76,55 @@ TEST(WorkStack, everyRecordPassesTheHookOnItsWayOut) {
   EXPECT_FALSE(queue.take(taken));
 }
 
+/// Looks at the queue from inside its hooks.
+class Observer : public WorkStack<int> {
+ public:
+  int countAfterPush = 0;  ///< what a pop finds in the hook
+  bool freeAfterPush = false;
+  bool freeAtRemoval = true;
+
+ protected:
+  void afterPush() override {
+    countAfterPush = pop(0, -1);
+    freeAfterPush = keltop::ends(othersTake());
+  }
+  void removed(int& /*record*/) override {
+    if (!looked_) {
+      looked_ = true;  // the other thread comes here, too
+      atRemoval_ = othersTake();
+      freeAtRemoval = !keltop::waits(atRemoval_);
+    }
+  }
+
+ private:
+  /// Another thread's look at the queue, for which it needs the lock.
+  std::future<void> othersTake() {
+    return std::async(std::launch::async, [this] {
+      int ignored = 0;
+      (void)take(ignored);
+    });
+  }
+
+  bool looked_ = false;
+  std::future<void> atRemoval_;
+};
+
+TEST(WorkStack, aPushUnlocksThenCallsTheHookThenCounts) {
+  Observer queue;
+  queue.push(1);
+  EXPECT_EQ(queue.countAfterPush, -1) << "the record was counted before the hook";
+  EXPECT_TRUE(queue.freeAfterPush) << "the hook ran under the lock";
+  EXPECT_EQ(queue.pop(0, -1), -1) << "taken by the hook";
+  queue.push(2);
+  EXPECT_EQ(queue.pop(0, -1), -1);
+}
+
+TEST(WorkStack, aRecordPassesTheHookUnderTheLock) {
+  Observer queue;
+  queue.push(1);
+  EXPECT_FALSE(queue.freeAtRemoval);
+}
+
 TEST(WorkStack, takeLeavesTheCountAndAPopOnItAloneGivesTheFallback) {
   WorkStack<int> queue;
   queue.push(1);

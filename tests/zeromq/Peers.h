@@ -92,8 +92,8 @@ class Peer {
   std::string endpoint_;
 };
 
-/// Gives the classes what the program never does: a context. Ends it again, which also proves that every socket was
-/// closed, or it would wait for ever.
+/// Gives the classes what the program never does: a context. Ends it again, which proves that every socket was closed
+/// and taken off the count: the context's last user leaves it alone otherwise.
 class WithContext : public testing::Test {
  protected:
   void SetUp() override {
@@ -105,14 +105,16 @@ class WithContext : public testing::Test {
 
   void TearDown() override {
     EXPECT_TRUE(socketTable().sockets.empty());
-    EXPECT_EQ(sharedState().liveSockets, expectedLiveSockets_);
-    sharedState().liveSockets = 0;
+    EXPECT_EQ(sharedState().liveSockets, 0) << "a socket is open, or the count is wrong";
+    if (sharedState().liveSockets != 0) {  // the other tests begin anew; this one's context is given up
+      sharedState().context = nullptr;
+      sharedState().liveSockets = 0;
+    }
     keeper_.reset();
     EXPECT_EQ(sharedState().context, nullptr);
     EXPECT_EQ(sharedState().contextUsers, 0);
   }
 
-  std::int32_t expectedLiveSockets_ = 0;
   std::optional<ZContext> keeper_;
 };
 

@@ -128,14 +128,53 @@ TEST_F(ZSockets, aPeerThatNeverTakesAnythingIsSent500MessagesAndThenClosed) {
   EXPECT_EQ(push.send("text"), 0);
 }
 
-TEST_F(ZSockets, anEndpointThatIsNoneFailsAndCountsOneSocketTooFew) {
+TEST_F(ZSockets, anEndpointThatIsNoneFailsAndCountsNoSocket) {
   ZPush push;
   EXPECT_EQ(push.connect("nonsense"), -1);
   EXPECT_EQ(push.lastError(), EINVAL);
   EXPECT_EQ(push.lastErrorText(), ::zmq_strerror(EINVAL));
   EXPECT_FALSE(push.isOpen());
-  EXPECT_EQ(sharedState().liveSockets, -1);
-  expectedLiveSockets_ = -1;
+  EXPECT_EQ(sharedState().liveSockets, 0);
+}
+
+TEST_F(ZSockets, afterAFailedConnectTheContextOutlivesTheSocketThatIsOpen) {
+  const Peer pull(ZMQ_PULL);
+  ZPush push;
+  EXPECT_EQ(push.connect("nonsense"), -1);
+  ASSERT_EQ(push.connect(pull.endpoint()), 0);
+  ASSERT_EQ(sharedState().liveSockets, 1) << "the end of the context would wait for ever";
+  keeper_.reset();
+  EXPECT_NE(sharedState().context, nullptr);
+  keeper_.emplace();
+  EXPECT_EQ(push.send("text"), 0);
+  EXPECT_EQ(pull.receive(), Parts{"text"});
+}
+
+TEST_F(ZSockets, aConnectIsAUserOfTheContextWhileItLasts) {
+  keeper_.reset();
+  ASSERT_EQ(sharedState().context, nullptr);
+  for (int (ZPush::*const attach)(const std::string&) : {&ZPush::connect, &ZPush::bind}) {
+    sharedState().context = ::zmq_ctx_new();
+    ZPush push;
+    EXPECT_EQ((push.*attach)("nonsense"), -1);
+    EXPECT_EQ(sharedState().context, nullptr) << "it was the last one";
+  }
+}
+
+TEST_F(ZSockets, aSocketIsCountedUntilItIsClosed) {
+  const Peer pull(ZMQ_PULL);
+  {
+    ZPush bound;
+    EXPECT_EQ(bound.bind(kAnyPort), 0);
+    ZPush connected;
+    EXPECT_EQ(connected.connect(pull.endpoint()), 0);
+    EXPECT_EQ(sharedState().liveSockets, 2);
+    EXPECT_EQ(bound.send("text"), -1) << "nobody is there; this closes it";
+    EXPECT_EQ(sharedState().liveSockets, 1);
+    EXPECT_EQ(bound.connect("nonsense"), -1);
+    EXPECT_EQ(sharedState().liveSockets, 1);
+  }
+  EXPECT_EQ(sharedState().liveSockets, 0);
 }
 
 TEST_F(ZSockets, aPortInUseCannotBeBound) {
@@ -143,7 +182,7 @@ TEST_F(ZSockets, aPortInUseCannotBeBound) {
   ZPush push;
   EXPECT_EQ(push.bind(pull.endpoint()), -1);
   EXPECT_EQ(push.lastError(), EADDRINUSE);
-  expectedLiveSockets_ = -1;
+  EXPECT_EQ(sharedState().liveSockets, 0);
 }
 
 TEST_F(ZSockets, partsAreReceivedApartOrTogether) {

@@ -112,7 +112,7 @@ TEST_F(ZPushServices, aFailedConnectLeavesTheTableAsItWas) {
   EXPECT_EQ(service.connect("nonsense"), -1);
   service.push("nonsense", "text");
   EXPECT_TRUE(socketTable().sockets.empty());
-  expectedLiveSockets_ = -2;
+  EXPECT_EQ(sharedState().liveSockets, 0);
 }
 
 TEST_F(ZPushServices, aPeerThatTakesNothingLosesItsSocketAndTheNextPushMakesAnother) {
@@ -129,6 +129,17 @@ TEST_F(ZPushServices, aPeerThatTakesNothingLosesItsSocketAndTheNextPushMakesAnot
   service.push(kNobody, "text");
   EXPECT_NE(socketOf(kNobody), nullptr);
   service.setLinger(kNobody, 0);
+}
+
+TEST_F(ZPushServices, anEntryWhoseSocketIsClosedIsRemovedByAPushAndTheNextConnects) {
+  const Peer pull(ZMQ_PULL);
+  ZPushService service;
+  ASSERT_EQ(service.connect(pull.endpoint()), 0);
+  EXPECT_EQ(socketTable().sockets.at(pull.endpoint())->release(), 0);
+  service.push(pull.endpoint(), "never sent");
+  EXPECT_EQ(socketOf(pull.endpoint()), nullptr);
+  service.push(pull.endpoint(), "text");
+  EXPECT_EQ(pull.receive(), Parts{"text"});
 }
 
 TEST_F(ZPushServices, aNegativeLingerIsIgnored) {

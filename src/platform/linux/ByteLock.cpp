@@ -11,7 +11,6 @@ namespace keltop::platform {
 
 namespace {
 
-constexpr auto kPatience = std::chrono::seconds(2);
 constexpr auto kRetry = std::chrono::microseconds(100);
 
 struct flock lockOf(std::int64_t byte, short type) noexcept {
@@ -30,8 +29,8 @@ bool setByteLock(int file, std::int64_t byte, short type) noexcept {
   return ::fcntl(file, F_OFD_SETLK, &lock) == 0;
 }
 
-bool waitForByteLock(int file, std::int64_t byte) noexcept {
-  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+bool waitForByteLock(int file, std::int64_t byte, std::chrono::milliseconds patience) noexcept {
+  const auto deadline = std::chrono::steady_clock::now() + patience;
   while (!setByteLock(file, byte, F_WRLCK)) {
     if ((errno != EAGAIN && errno != EACCES) || std::chrono::steady_clock::now() >= deadline) {
       return false;

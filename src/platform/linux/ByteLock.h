@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 
@@ -11,9 +12,13 @@ namespace keltop::platform {
 /// Takes, changes or gives up (F_WRLCK, F_RDLCK, F_UNLCK) the lock on that byte without waiting; errno after false.
 [[nodiscard]] bool setByteLock(int file, std::int64_t byte, short type) noexcept;
 
-/// Takes the lock exclusively, waiting for a bounded time: holders keep it for an instant, and one that is stopped or
-/// means harm must make nobody hang.
-[[nodiscard]] bool waitForByteLock(int file, std::int64_t byte) noexcept;
+/// How long a lock is waited for that holders keep for an instant: one that is stopped or means harm must make nobody
+/// hang.
+inline constexpr std::chrono::milliseconds kLockPatience(2000);
+
+/// Takes the lock exclusively, waiting for so long at most.
+[[nodiscard]] bool waitForByteLock(int file, std::int64_t byte,
+                                   std::chrono::milliseconds patience = kLockPatience) noexcept;
 
 /// Whether some other open file holds a lock on that byte; nothing when the system does not tell.
 [[nodiscard]] std::optional<bool> byteLockedElsewhere(int file, std::int64_t byte) noexcept;

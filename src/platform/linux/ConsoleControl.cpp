@@ -80,4 +80,6 @@ bool addConsoleControlHandler(ConsoleControlHandler handler) noexcept {
   }
 }
 
+void waitForMainWhenClosed() noexcept {}
+
 }  // namespace keltop::platform

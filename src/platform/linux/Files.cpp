@@ -52,7 +52,8 @@ void takeBack(FileHandle file, ssize_t written) noexcept {
   struct stat status = {};
   if (const off_t end = ::lseek(file, 0, SEEK_CUR);
       written > 0 && ::fstat(file, &status) == 0 && status.st_size == end) {
-    (void)::ftruncate(file, end - written);
+    // Nobody can be told where it fails.
+    [[maybe_unused]] const int result = ::ftruncate(file, end - written);
   }
 }
 
@@ -62,10 +63,11 @@ bool isRegular(int file) noexcept {
   return ::fstat(file, &status) == 0 && S_ISREG(status.st_mode);
 }
 
+/// From the beginning; the source's own position stays where it is.
 bool copyContent(int from, int to) noexcept {
   constexpr std::size_t kPiece = std::size_t{1} << 30U;
-  for (;;) {
-    const ssize_t copied = ::sendfile(to, from, nullptr, kPiece);
+  for (off_t position = 0;;) {
+    const ssize_t copied = ::sendfile(to, from, &position, kPiece);
     if (copied == 0) {
       return true;
     }
@@ -146,7 +148,11 @@ AppendGate::~AppendGate() {
 
 bool copyFile(const std::string& from, const std::string& to) noexcept {
   const FileDescriptor source(::open(from.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  if (!source.valid() || !isRegular(source.get())) {
+  return source.valid() && copyOpenFile(source.get(), from, to);
+}
+
+bool copyOpenFile(FileHandle file, const std::string& /*path*/, const std::string& to) noexcept {
+  if (!isRegular(file)) {
     return false;
   }
   const FileDescriptor target(::open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, kFileMode));
@@ -154,7 +160,7 @@ bool copyFile(const std::string& from, const std::string& to) noexcept {
     return false;
   }
   (void)::fchmod(target.get(), kFileMode);
-  if (copyContent(source.get(), target.get()) && copyWriteTime(source.get(), target.get())) {
+  if (copyContent(file, target.get()) && copyWriteTime(file, target.get())) {
     return true;
   }
   (void)::unlink(to.c_str());

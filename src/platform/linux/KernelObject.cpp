@@ -1,47 +1,72 @@
 #include "platform/linux/KernelObject.h"
 
+#include <algorithm>
+
 #include "platform/KernelObjects.h"
-#include "platform/linux/OwnedMutexes.h"
 
 namespace keltop::platform {
 
+namespace {
+
+using std::chrono::milliseconds;
+
+/// How long even a wait of no time waits for another process's change of the count, which takes an instant: shorter,
+/// and a busy machine would make it fail.
+constexpr milliseconds kShortestPatience(50);
+
+milliseconds patienceUntil(WaitDeadline deadline) noexcept {
+  if (!deadline) {
+    return kLockPatience;
+  }
+  const auto left = std::chrono::ceil<milliseconds>(*deadline - std::chrono::steady_clock::now());
+  return std::clamp(left, kShortestPatience, kLockPatience);
+}
+
+}  // namespace
+
 std::uint32_t KernelObject::wait(std::uint32_t milliseconds) {
+  const WaitDeadline deadline = deadlineIn(milliseconds);
   std::unique_lock<std::mutex> guard(guard_);
-  std::uint32_t result = tryTake();
+  std::uint32_t result = tryTake(deadline);
   if (result != kWaitTimeout || milliseconds == 0) {
     return result;
-  }
-  WaitDeadline deadline;
-  if (milliseconds != kInfinite) {
-    deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
   }
   const std::unique_ptr<Watch> changes = watch();
   for (;;) {
     // Looked at again with the watch in place, so that no change falls between the look and the wait.
-    result = tryTake();
-    if (result != kWaitTimeout || (deadline && std::chrono::steady_clock::now() >= *deadline)) {
+    result = tryTake(deadline);
+    if (result != kWaitTimeout || hasPassed(deadline)) {
       return result;
     }
     changes->wait(guard, deadline);
   }
 }
 
-std::uint32_t KernelObject::tryTake() {
-  if (type_ == ObjectType::mutex) {
+std::uint32_t KernelObject::tryTake(WaitDeadline deadline) {
+  if (type() == ObjectType::mutex) {
     return tryOwn();
   }
-  const bool counts = type_ == ObjectType::semaphore;
-  if (counts && !beginChange()) {
+  const std::optional<ObjectState> state = readState();
+  if (!state) {
+    return kWaitFailed;
+  }
+  if (state->value == 0) {
+    return kWaitTimeout;
+  }
+  return type() == ObjectType::event ? kWaitObject : tryCount(deadline);
+}
+
+/// Takes one of a semaphore's count.
+std::uint32_t KernelObject::tryCount(WaitDeadline deadline) {
+  if (!beginChange(patienceUntil(deadline))) {
     return kWaitFailed;
   }
   const std::optional<ObjectState> state = readState();
   std::uint32_t result = !state ? kWaitFailed : state->value == 0 ? kWaitTimeout : kWaitObject;
-  if (counts) {
-    if (result == kWaitObject && !writeValue(state->value - 1)) {
-      result = kWaitFailed;
-    }
-    endChange();
+  if (result == kWaitObject && !writeValue(state->value - 1)) {
+    result = kWaitFailed;
   }
+  endChange();
   return result;
 }
 
@@ -58,6 +83,10 @@ std::uint32_t KernelObject::tryOwn() {
   if (!before) {
     return kWaitFailed;
   }
+  // Before the claim: an owner whose end nobody notices would keep everybody out.
+  if (!noticeThreadEnd()) {
+    return kWaitFailed;
+  }
   if (!claim()) {
     return kWaitTimeout;
   }
@@ -67,12 +96,7 @@ std::uint32_t KernelObject::tryOwn() {
     disclaim();
     return kWaitFailed;
   }
-  try {
-    rememberOwned(shared_from_this());
-  } catch (...) {
-    disclaim();  // an owner that nobody knows would keep everybody out
-    throw;
-  }
+  rememberOwned(owned_, shared_from_this());
   owner_ = self;
   holds_ = 1;
   return state->value == 0 ? kWaitObject : kWaitAbandoned;
@@ -92,16 +116,14 @@ std::uint32_t KernelObject::releaseMutex() {
   if (--holds_ > 0) {
     return kNoError;
   }
-  self = shared_from_this();
   const bool written = writeValue(0);
-  forgetOwner();
-  forgetOwned(this);
+  self = forgetOwner();
   return written ? kNoError : kErrorInvalidData;
 }
 
 std::uint32_t KernelObject::releaseSemaphore() {
   const std::lock_guard<std::mutex> guard(guard_);
-  if (!beginChange()) {
+  if (!beginChange(kLockPatience)) {
     return kErrorBusy;
   }
   std::uint32_t error = kNoError;
@@ -118,14 +140,15 @@ std::uint32_t KernelObject::releaseSemaphore() {
 void KernelObject::abandon() noexcept {
   const std::lock_guard<std::mutex> guard(guard_);
   if (owner_ == threadNumber()) {
-    forgetOwner();  // the state still says held: that is how the next owner knows
+    (void)forgetOwner();  // the state still says held: that is how the next owner knows
   }
 }
 
-void KernelObject::forgetOwner() noexcept {
+std::shared_ptr<KernelObject> KernelObject::forgetOwner() noexcept {
   owner_ = 0;
   holds_ = 0;
   disclaim();
+  return forgetOwned(owned_);
 }
 
 }  // namespace keltop::platform

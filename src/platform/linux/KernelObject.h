@@ -6,37 +6,23 @@
 #include <mutex>
 #include <optional>
 
+#include "platform/linux/OwnedMutexes.h"
 #include "platform/linux/StateFile.h"
+#include "platform/linux/WaitableObject.h"
 
 namespace keltop::platform {
 
-/// When a wait ends; nothing means never.
-using WaitDeadline = std::optional<std::chrono::steady_clock::time_point>;
-
-/// One event, mutex or semaphore: the rules that are the same whether it belongs to this process alone or to the
-/// machine. What differs, where the state lies and how a change is noticed, is the derived classes'.
-class KernelObject : public std::enable_shared_from_this<KernelObject> {
+/// An event, mutex or semaphore whose state others may change, too: the rules of the operations. Where the state lies
+/// and how a change is noticed is the derived class's.
+class KernelObject : public WaitableObject, public std::enable_shared_from_this<KernelObject> {
  public:
-  explicit KernelObject(ObjectType type) noexcept : type_(type) {}
-  virtual ~KernelObject() = default;
-  KernelObject(const KernelObject&) = delete;
-  KernelObject& operator=(const KernelObject&) = delete;
+  using WaitableObject::WaitableObject;
 
-  [[nodiscard]] ObjectType type() const noexcept { return type_; }
-
-  /// One of the wait codes.
-  [[nodiscard]] std::uint32_t wait(std::uint32_t milliseconds);
-
-  /// These give 0 or an error number.
-  [[nodiscard]] std::uint32_t setEvent();
-  [[nodiscard]] std::uint32_t releaseMutex();
-  [[nodiscard]] std::uint32_t releaseSemaphore();
-
-  /// The calling thread ends: if it owns the mutex, the next waiter learns that it was abandoned.
-  void abandon() noexcept;
-
-  /// A handle to the object was closed.
-  virtual void handleClosed() noexcept {}
+  [[nodiscard]] std::uint32_t wait(std::uint32_t milliseconds) override;
+  [[nodiscard]] std::uint32_t setEvent() override;
+  [[nodiscard]] std::uint32_t releaseMutex() override;
+  [[nodiscard]] std::uint32_t releaseSemaphore() override;
+  void abandon() noexcept override;
 
  protected:
   /// Waits for a change of the object during one wait call; made before the last look that finds it unsignalled.
@@ -51,26 +37,28 @@ class KernelObject : public std::enable_shared_from_this<KernelObject> {
   [[nodiscard]] virtual std::optional<ObjectState> readState() = 0;
   /// Writes the value and wakes the waiters.
   [[nodiscard]] virtual bool writeValue(std::uint32_t value) = 0;
-  /// Begins a change that depends on the state's present value; false when that cannot be had.
-  [[nodiscard]] virtual bool beginChange() = 0;
+  /// Begins a change that depends on the state's present value; false when that cannot be had in time.
+  [[nodiscard]] virtual bool beginChange(std::chrono::milliseconds patience) = 0;
   virtual void endChange() noexcept = 0;
   /// A mutex without an owner in this process: asks for it against other processes, and gives it up.
   [[nodiscard]] virtual bool claim() = 0;
   virtual void disclaim() noexcept = 0;
   [[nodiscard]] virtual std::unique_ptr<Watch> watch() = 0;
 
-  /// Nobody owns the mutex any more; its state stays as it is.
-  void forgetOwner() noexcept;
+  /// Nobody owns the mutex any more; its state stays as it is. Gives what the owner kept it alive by, to be let go
+  /// after the guard.
+  std::shared_ptr<KernelObject> forgetOwner() noexcept;
 
   std::mutex guard_;
 
  private:
-  [[nodiscard]] std::uint32_t tryTake();
+  [[nodiscard]] std::uint32_t tryTake(WaitDeadline deadline);
+  [[nodiscard]] std::uint32_t tryCount(WaitDeadline deadline);
   [[nodiscard]] std::uint32_t tryOwn();
 
-  const ObjectType type_;
   std::uint64_t owner_ = 0;  ///< the owning thread's number, 0 for none
   std::uint32_t holds_ = 0;  ///< how often the owner holds the mutex
+  OwnedPlace owned_;         ///< in the owner's list
 };
 
 }  // namespace keltop::platform

@@ -1,5 +1,6 @@
 #include "platform/KernelObjects.h"
 
+#include <atomic>
 #include <cstddef>
 #include <exception>
 #include <limits>
@@ -9,7 +10,10 @@
 #include <utility>
 
 #include "platform/NoDestructor.h"
-#include "platform/linux/LocalObject.h"
+#include "platform/linux/HandleCache.h"
+#include "platform/linux/LocalEvent.h"
+#include "platform/linux/LocalMutex.h"
+#include "platform/linux/LocalSemaphore.h"
 #include "platform/linux/ObjectFolder.h"
 
 namespace keltop::platform {
@@ -21,28 +25,46 @@ thread_local std::uint32_t threadError = kNoError;
 /// The open handles of this process. A number is never used twice, so a closed handle stays closed.
 class HandleTable {
  public:
-  ObjectHandle add(std::shared_ptr<KernelObject> object) {
+  ObjectHandle add(std::shared_ptr<WaitableObject> object) {
     const std::lock_guard<std::mutex> guard(guard_);
     objects_.emplace(++last_, std::move(object));
     return static_cast<ObjectHandle>(last_);
   }
 
-  std::shared_ptr<KernelObject> find(ObjectHandle handle) {
+  /// Null when the handle is not open. Good until the calling thread's next look-up.
+  std::shared_ptr<WaitableObject> find(ObjectHandle handle) {
+    HandleCache* const cache = handleCache();
+    if (cache != nullptr) {
+      if (WaitableObject* const known = cache->find(handle, closings_)) {
+        return {std::shared_ptr<void>(), known};  // not counted: the cache holds it
+      }
+    }
     const std::lock_guard<std::mutex> guard(guard_);
     const auto entry = objects_.find(static_cast<std::uintptr_t>(handle));
-    return entry == objects_.end() ? nullptr : entry->second;
+    if (entry == objects_.end()) {
+      return nullptr;
+    }
+    if (cache != nullptr && entry->second->mayBeKept()) {
+      cache->remember(handle, entry->second, closings_);
+    }
+    return entry->second;
   }
 
-  std::shared_ptr<KernelObject> remove(ObjectHandle handle) {
+  std::shared_ptr<WaitableObject> remove(ObjectHandle handle) {
     const std::lock_guard<std::mutex> guard(guard_);
     const auto node = objects_.extract(static_cast<std::uintptr_t>(handle));
-    return node.empty() ? nullptr : node.mapped();
+    if (node.empty()) {
+      return nullptr;
+    }
+    ++closings_;
+    return node.mapped();
   }
 
  private:
   std::mutex guard_;
   std::uintptr_t last_ = 0;
-  std::unordered_map<std::uintptr_t, std::shared_ptr<KernelObject>> objects_;
+  std::unordered_map<std::uintptr_t, std::shared_ptr<WaitableObject>> objects_;
+  std::atomic<std::uint64_t> closings_ = 0;  ///< how many handles were closed; changed under the guard
 };
 
 HandleTable& handleTable() {
@@ -74,20 +96,31 @@ ObjectHandle addNamed(const NamedResult& found) {
   return handle;
 }
 
+std::shared_ptr<WaitableObject> makeLocalObject(const ObjectState& state) {
+  switch (state.type) {
+    case ObjectType::mutex:
+      return std::make_shared<LocalMutex>();
+    case ObjectType::semaphore:
+      return std::make_shared<LocalSemaphore>(state.value, state.limit);
+    default:
+      return std::make_shared<LocalEvent>();
+  }
+}
+
 ObjectHandle create(const ObjectState& state, const std::string& name) noexcept {
   return guarded(ObjectHandle::none, [&] {
     if (name.empty()) {
       threadError = kNoError;
-      return handleTable().add(std::make_shared<LocalObject>(state));
+      return handleTable().add(makeLocalObject(state));
     }
     return addNamed(createNamedObject(name, state));
   });
 }
 
 /// Applies an operation to a handle's object, when it is one of that type.
-bool apply(ObjectHandle handle, ObjectType type, std::uint32_t (KernelObject::*operation)()) noexcept {
+bool apply(ObjectHandle handle, ObjectType type, std::uint32_t (WaitableObject::*operation)()) noexcept {
   return guarded(false, [&] {
-    const std::shared_ptr<KernelObject> object = handleTable().find(handle);
+    const std::shared_ptr<WaitableObject> object = handleTable().find(handle);
     const std::uint32_t error = object && object->type() == type ? ((*object).*operation)() : kErrorInvalidHandle;
     if (error != kNoError) {
       threadError = error;
@@ -122,20 +155,20 @@ ObjectHandle openEvent(const std::string& name) noexcept {
 }
 
 bool setEvent(ObjectHandle event) noexcept {
-  return apply(event, ObjectType::event, &KernelObject::setEvent);
+  return apply(event, ObjectType::event, &WaitableObject::setEvent);
 }
 
 bool releaseMutex(ObjectHandle mutex) noexcept {
-  return apply(mutex, ObjectType::mutex, &KernelObject::releaseMutex);
+  return apply(mutex, ObjectType::mutex, &WaitableObject::releaseMutex);
 }
 
 bool releaseSemaphore(ObjectHandle semaphore) noexcept {
-  return apply(semaphore, ObjectType::semaphore, &KernelObject::releaseSemaphore);
+  return apply(semaphore, ObjectType::semaphore, &WaitableObject::releaseSemaphore);
 }
 
 std::uint32_t waitForObject(ObjectHandle object, std::uint32_t milliseconds) noexcept {
   return guarded(kWaitFailed, [&] {
-    const std::shared_ptr<KernelObject> found = handleTable().find(object);
+    const std::shared_ptr<WaitableObject> found = handleTable().find(object);
     if (!found) {
       threadError = kErrorInvalidHandle;
       return kWaitFailed;
@@ -150,7 +183,7 @@ std::uint32_t waitForObject(ObjectHandle object, std::uint32_t milliseconds) noe
 
 bool closeObject(ObjectHandle object) noexcept {
   return guarded(false, [&] {
-    const std::shared_ptr<KernelObject> closed = handleTable().remove(object);
+    const std::shared_ptr<WaitableObject> closed = handleTable().remove(object);
     if (!closed) {
       threadError = kErrorInvalidHandle;
       return false;

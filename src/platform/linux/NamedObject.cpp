@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cstring>
+#include <string>
 
 namespace keltop::platform {
 
@@ -27,15 +29,17 @@ constexpr milliseconds kRarestLook(1000);
 class NamedObject::FileWatch : public KernelObject::Watch {
  public:
   FileWatch(int watched, bool owned) : notices_(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK)), ownedByProcesses_(owned) {
-    const std::string path = "/proc/self/fd/" + std::to_string(watched);
-    watching_ = notices_.valid() && ::inotify_add_watch(notices_.get(), path.c_str(), IN_MODIFY | IN_CLOSE_WRITE) >= 0;
+    path_ = "/proc/self/fd/" + std::to_string(watched);
+    look();
   }
 
   void wait(std::unique_lock<std::mutex>& guard, WaitDeadline deadline) override {
     guard.unlock();
     pollfd poll = {watching_ ? notices_.get() : -1, POLLIN, 0};
     if (::poll(&poll, 1, static_cast<int>(patience(deadline).count())) > 0) {
-      drain();
+      if (watchEnded()) {
+        look();
+      }
       nextLook_ = kFirstLook;
     } else {
       nextLook_ = std::min(nextLook_ * 2, kRarestLook);
@@ -60,12 +64,27 @@ class NamedObject::FileWatch : public KernelObject::Watch {
     return limit;
   }
 
-  void drain() const noexcept {
-    std::array<char, 4096> notices;
-    while (::read(notices_.get(), notices.data(), notices.size()) > 0) {
-    }
+  void look() noexcept {
+    watching_ = notices_.valid() && ::inotify_add_watch(notices_.get(), path_.c_str(), IN_MODIFY | IN_CLOSE_WRITE) >= 0;
   }
 
+  /// Takes the notices. The system ends a watch when the file's name is removed, though the file lives on.
+  [[nodiscard]] bool watchEnded() const noexcept {
+    bool ended = false;
+    alignas(inotify_event) std::array<char, 4096> notices;
+    ssize_t length = 0;
+    while ((length = ::read(notices_.get(), notices.data(), notices.size())) > 0) {
+      for (std::size_t at = 0; at < static_cast<std::size_t>(length);) {
+        inotify_event notice = {};
+        std::memcpy(&notice, &notices[at], sizeof notice);
+        ended = ended || (notice.mask & IN_IGNORED) != 0;
+        at += sizeof notice + notice.len;
+      }
+    }
+    return ended;
+  }
+
+  std::string path_;
   FileDescriptor notices_;
   bool ownedByProcesses_;
   bool watching_ = false;
@@ -77,6 +96,17 @@ bool NamedObject::handleOpened() noexcept {
   if (handles_ == 0 && !file_.tryLockShared(StateFile::LockByte::life)) {
     return false;
   }
+  if (handles_++ == 0) {
+    socket_.emplace(place_, file_.descriptor());
+  }
+  return true;
+}
+
+bool NamedObject::handleAdded() {
+  const std::lock_guard<std::mutex> guard(guard_);
+  if (handles_ == 0 || !readState()) {
+    return false;
+  }
   ++handles_;
   return true;
 }
@@ -86,20 +116,28 @@ void NamedObject::handleClosed() noexcept {
   if (--handles_ > 0) {
     return;
   }
+  socket_.reset();
   const StateLock lock(file_);
   file_.unlock(StateFile::LockByte::life);
   if (lock.held() && !file_.lockedElsewhere(StateFile::LockByte::life)) {
     // The object is gone, and whoever owned it owns nothing. A new one may come to life in the same file.
-    forgetOwner();
-    if (StateFile::identityOf(path_) == file_.identity()) {
-      (void)::unlink(path_.c_str());
+    (void)forgetOwner();  // the caller keeps the object alive
+    if (StateFile::identityOf(place_.path) == file_.identity()) {
+      (void)::unlink(place_.path.c_str());
     }
   }
 }
 
 void NamedObject::renew() noexcept {
   const std::lock_guard<std::mutex> guard(guard_);
-  forgetOwner();
+  (void)forgetOwner();  // the caller keeps the object alive
+}
+
+void NamedObject::endIfDead() noexcept {
+  const std::lock_guard<std::mutex> guard(guard_);
+  if (handles_ == 0 && !file_.lockedElsewhere(StateFile::LockByte::life)) {
+    (void)forgetOwner();  // the caller keeps the object alive
+  }
 }
 
 std::optional<ObjectState> NamedObject::readState() {

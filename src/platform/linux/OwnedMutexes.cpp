@@ -1,8 +1,11 @@
 #include "platform/linux/OwnedMutexes.h"
 
+#include <pthread.h>
+
 #include <atomic>
+#include <mutex>
+#include <optional>
 #include <utility>
-#include <vector>
 
 #include "platform/linux/KernelObject.h"
 
@@ -10,27 +13,48 @@ namespace keltop::platform {
 
 namespace {
 
-/// Constant-initialised and trivially destroyed: still good after the list below has gone, when exit routines lock.
-thread_local bool listGone = false;
+/// Guards every thread's list: whoever closes a mutex's last handle takes it off its owner's.
+constinit std::mutex listGuard;
 
-class OwnedList {
- public:
-  OwnedList() = default;
-  OwnedList(const OwnedList&) = delete;
-  OwnedList& operator=(const OwnedList&) = delete;
-  ~OwnedList() {
-    listGone = true;
-    for (const auto& mutex : mutexes) {
-      mutex->abandon();
+constinit thread_local OwnedPlace* firstOwned = nullptr;
+constinit thread_local bool endNoticed = false;
+
+std::shared_ptr<KernelObject> unlinked(OwnedPlace& place) noexcept {
+  if (place.link != nullptr) {
+    *place.link = place.next;
+    if (place.next != nullptr) {
+      place.next->link = place.link;
     }
+    place.link = nullptr;
+    place.next = nullptr;
   }
+  return std::move(place.kept);
+}
 
-  std::vector<std::shared_ptr<KernelObject>> mutexes;
-};
+/// Runs when a thread ends that has owned a mutex, after its C++ thread-local objects have gone, which may still lock.
+void abandonOwned(void* /*noticed*/) {
+  endNoticed = false;
+  for (;;) {
+    std::shared_ptr<KernelObject> mutex;
+    {
+      const std::lock_guard<std::mutex> guard(listGuard);
+      if (firstOwned == nullptr) {
+        return;
+      }
+      mutex = unlinked(*firstOwned);
+    }
+    mutex->abandon();
+  }
+}
 
-OwnedList& ownedList() {
-  thread_local OwnedList list;
-  return list;
+/// A key of the threads' own storage: unlike a C++ thread-local object with a destructor, setting one of the first
+/// takes no memory.
+std::optional<pthread_key_t> endKey() noexcept {
+  static const std::optional<pthread_key_t> key = []() noexcept -> std::optional<pthread_key_t> {
+    pthread_key_t made = 0;
+    return ::pthread_key_create(&made, abandonOwned) == 0 ? std::optional(made) : std::nullopt;
+  }();
+  return key;
 }
 
 }  // namespace
@@ -44,17 +68,28 @@ std::uint64_t threadNumber() noexcept {
   return number;
 }
 
-void rememberOwned(const std::shared_ptr<KernelObject>& mutex) {
-  // A thread whose list has gone is ending with its process; the kernel then gives up what it owns.
-  if (!listGone) {
-    ownedList().mutexes.push_back(mutex);
+bool noticeThreadEnd() noexcept {
+  if (!endNoticed) {
+    const std::optional<pthread_key_t> key = endKey();
+    endNoticed = key && ::pthread_setspecific(*key, &endNoticed) == 0;
   }
+  return endNoticed;
 }
 
-void forgetOwned(const KernelObject* mutex) noexcept {
-  if (!listGone) {
-    std::erase_if(ownedList().mutexes, [mutex](const auto& owned) { return owned.get() == mutex; });
+void rememberOwned(OwnedPlace& place, std::shared_ptr<KernelObject> mutex) noexcept {
+  const std::lock_guard<std::mutex> guard(listGuard);
+  place.kept = std::move(mutex);
+  place.next = firstOwned;
+  place.link = &firstOwned;
+  if (place.next != nullptr) {
+    place.next->link = &place.next;
   }
+  firstOwned = &place;
+}
+
+std::shared_ptr<KernelObject> forgetOwned(OwnedPlace& place) noexcept {
+  const std::lock_guard<std::mutex> guard(listGuard);
+  return unlinked(place);
 }
 
 }  // namespace keltop::platform

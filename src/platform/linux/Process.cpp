@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <csignal>
+
 #include "platform/linux/BrokenPipe.h"
 
 namespace keltop::platform {
@@ -19,11 +21,19 @@ void fillStandardStreams() noexcept {
   }
 }
 
+/// A limit for the size of files is an error of the write that meets it, as a full disk is.
+void surviveFileSizeLimits() noexcept {
+  struct sigaction ignore = {};
+  ignore.sa_handler = SIG_IGN;
+  (void)::sigaction(SIGXFSZ, &ignore, nullptr);
+}
+
 }  // namespace
 
 void prepareProcess() noexcept {
   fillStandardStreams();
   surviveBrokenPipes();
+  surviveFileSizeLimits();
 }
 
 void endProcess(int exitCode) noexcept {

@@ -14,7 +14,11 @@ namespace keltop::platform {
 
 namespace {
 
+/// Milliseconds between two looks at an output that takes nothing, while something else is waited for.
+constexpr std::uint32_t kOutputLook = 20;
+
 std::atomic<bool> mayWait = true;
+std::atomic<ReaderGone> readerGone = nullptr;
 
 bool takesMore(int descriptor, int milliseconds) noexcept {
   pollfd writable = {descriptor, POLLOUT, 0};
@@ -50,10 +54,23 @@ bool writeStandardOutput(std::string_view text) noexcept {
   if (writeAll(STDOUT_FILENO, text)) {
     return true;
   }
-  if (errno == EPIPE) {
+  if (const ReaderGone ends = readerGone; errno == EPIPE && ends != nullptr && ends()) {
     endByBrokenPipe();
   }
   return false;
+}
+
+void setReaderGone(ReaderGone routine) noexcept {
+  readerGone = routine;
+}
+
+bool waitForOutput(ObjectHandle unless) noexcept {
+  while (!takesMore(STDOUT_FILENO, 0)) {
+    if (waitForObject(unless, kOutputLook) != kWaitTimeout) {
+      return false;
+    }
+  }
+  return true;
 }
 
 void stopWaitingForOutput() noexcept {

@@ -136,8 +136,8 @@ bool StateFile::lockedElsewhere(LockByte byte) const noexcept {
   return byteLockedElsewhere(descriptor(), numberOf(byte)).value_or(true);
 }
 
-bool StateFile::lockState() const noexcept {
-  return waitForByteLock(descriptor(), numberOf(LockByte::state));
+bool StateFile::lockState(std::chrono::milliseconds patience) const noexcept {
+  return waitForByteLock(descriptor(), numberOf(LockByte::state), patience);
 }
 
 std::optional<StateFile::Identity> StateFile::identity() const noexcept {

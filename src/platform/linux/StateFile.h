@@ -2,11 +2,13 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <utility>
 
+#include "platform/linux/ByteLock.h"
 #include "platform/linux/FileDescriptor.h"
 
 namespace keltop::platform {
@@ -68,7 +70,7 @@ class StateFile {
   [[nodiscard]] bool lockedElsewhere(LockByte byte) const noexcept;
 
   /// Takes the state lock, waiting for a bounded time: a stopped or hostile holder gives false, never a hang.
-  [[nodiscard]] bool lockState() const noexcept;
+  [[nodiscard]] bool lockState(std::chrono::milliseconds patience = kLockPatience) const noexcept;
 
   /// Device and inode: which file this is, under whatever name.
   using Identity = std::pair<dev_t, ino_t>;

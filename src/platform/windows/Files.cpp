@@ -106,6 +106,10 @@ AppendGate::~AppendGate() {
   }
 }
 
+bool copyOpenFile(FileHandle /*file*/, const std::string& path, const std::string& to) noexcept {
+  return copyFile(path, to);
+}
+
 bool copyFile(const std::string& from, const std::string& to) noexcept {
   return ::CopyFileA(from.c_str(), to.c_str(), FALSE) != FALSE;
 }

@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include "platform/OpenAccess.h"
+#include "platform/windows/LastError.h"
 
 namespace keltop::platform {
 
@@ -22,13 +23,26 @@ HANDLE systemHandle(ObjectHandle object) noexcept {
   return reinterpret_cast<HANDLE>(object);
 }
 
-ObjectHandle objectHandle(HANDLE handle) noexcept {
+/// The error of the latest call below, or of an access rule that could not be built.
+thread_local std::uint32_t threadError = kNoError;
+
+/// The handle that a call gave. It sets an error also when it succeeds: whether the object existed.
+ObjectHandle obtained(HANDLE handle) noexcept {
+  keepLastError();
   return static_cast<ObjectHandle>(reinterpret_cast<std::uintptr_t>(handle));
 }
 
 /// The system takes the attributes without const and only reads them.
 SECURITY_ATTRIBUTES* attributesOf(const OpenAccess* access) noexcept {
   return access == nullptr ? nullptr : static_cast<SECURITY_ATTRIBUTES*>(const_cast<void*>(access->attributes()));
+}
+
+/// The outcome of a call that sets an error only when it fails.
+bool done(BOOL outcome) noexcept {
+  if (outcome == FALSE) {
+    keepLastError();
+  }
+  return outcome != FALSE;
 }
 
 const char* nameOf(const std::string& name) noexcept {
@@ -38,44 +52,51 @@ const char* nameOf(const std::string& name) noexcept {
 }  // namespace
 
 ObjectHandle createEvent(const OpenAccess* access, const std::string& name) noexcept {
-  return objectHandle(::CreateEventA(attributesOf(access), TRUE, FALSE, nameOf(name)));
+  return obtained(::CreateEventA(attributesOf(access), TRUE, FALSE, nameOf(name)));
 }
 
 ObjectHandle createMutex(const OpenAccess* access, const std::string& name) noexcept {
-  return objectHandle(::CreateMutexA(attributesOf(access), FALSE, nameOf(name)));
+  return obtained(::CreateMutexA(attributesOf(access), FALSE, nameOf(name)));
 }
 
 ObjectHandle createSemaphore(const OpenAccess* access, std::int32_t initialCount, std::int32_t maximumCount,
                              const std::string& name) noexcept {
-  return objectHandle(::CreateSemaphoreA(attributesOf(access), initialCount, maximumCount, nameOf(name)));
+  return obtained(::CreateSemaphoreA(attributesOf(access), initialCount, maximumCount, nameOf(name)));
 }
 
 ObjectHandle openEvent(const std::string& name) noexcept {
-  return objectHandle(::OpenEventA(EVENT_ALL_ACCESS, FALSE, name.c_str()));
+  return obtained(::OpenEventA(EVENT_ALL_ACCESS, FALSE, name.c_str()));
 }
 
 bool setEvent(ObjectHandle event) noexcept {
-  return ::SetEvent(systemHandle(event)) != FALSE;
+  return done(::SetEvent(systemHandle(event)));
 }
 
 bool releaseMutex(ObjectHandle mutex) noexcept {
-  return ::ReleaseMutex(systemHandle(mutex)) != FALSE;
+  return done(::ReleaseMutex(systemHandle(mutex)));
 }
 
 bool releaseSemaphore(ObjectHandle semaphore) noexcept {
-  return ::ReleaseSemaphore(systemHandle(semaphore), 1, nullptr) != FALSE;
+  return done(::ReleaseSemaphore(systemHandle(semaphore), 1, nullptr));
 }
 
 std::uint32_t waitForObject(ObjectHandle object, std::uint32_t milliseconds) noexcept {
-  return ::WaitForSingleObject(systemHandle(object), milliseconds);
+  const DWORD result = ::WaitForSingleObject(systemHandle(object), milliseconds);
+  (void)done(result == WAIT_FAILED ? FALSE : TRUE);
+  return result;
 }
 
 bool closeObject(ObjectHandle object) noexcept {
-  return ::CloseHandle(systemHandle(object)) != FALSE;
+  return done(::CloseHandle(systemHandle(object)));
+}
+
+void keepLastError() noexcept {
+  const DWORD error = ::GetLastError();
+  threadError = error;
 }
 
 std::uint32_t lastError() noexcept {
-  return ::GetLastError();
+  return threadError;
 }
 
 }  // namespace keltop::platform

@@ -4,6 +4,8 @@
 
 #include <new>
 
+#include "platform/windows/LastError.h"
+
 namespace keltop::platform {
 
 namespace {
@@ -23,6 +25,9 @@ OpenAccess::OpenAccess() noexcept {
   Rule& rule = *::new (static_cast<void*>(storage_)) Rule;
   ready_ = ::InitializeSecurityDescriptor(&rule.descriptor, SECURITY_DESCRIPTOR_REVISION) != FALSE &&
            ::SetSecurityDescriptorDacl(&rule.descriptor, TRUE, nullptr, FALSE) != FALSE;
+  if (!ready_) {
+    keepLastError();
+  }
   rule.attributes = {sizeof rule.attributes, &rule.descriptor, FALSE};
 }
 

@@ -4,6 +4,12 @@
 
 #include <cstdlib>
 
+extern "C" {
+/// Read by the run-time library before main: arguments stay as they were typed, `*` is no list of files. Said here
+/// because tool chains differ in what they say otherwise.
+int _dowildcard = 0;  // NOLINT(bugprone-reserved-identifier): the library's name
+}
+
 namespace keltop::platform {
 
 /// Nothing to do: the run-time library keeps the three numbers for the standard streams, open or not.

@@ -20,7 +20,7 @@ class SetTooEarly : public KernelObject {
     value_ = value;
     return true;
   }
-  bool beginChange() override { return true; }
+  bool beginChange(std::chrono::milliseconds /*patience*/) override { return true; }
   void endChange() noexcept override {}
   bool claim() override { return true; }
   void disclaim() noexcept override {}

@@ -86,10 +86,25 @@ TEST_F(LinuxKernelObjects, withoutDescriptorsNothingIsCreatedOrOpened) {
     const ResourceLimit noDescriptors(RLIMIT_NOFILE, kStandardStreamsOnly);
     EXPECT_EQ(createEvent(nullptr, uniqueName()), ObjectHandle::none);
     EXPECT_EQ(lastError(), kErrorNotEnoughMemory);
-    EXPECT_EQ(openEvent(name_), ObjectHandle::none);
+    EXPECT_EQ(openEvent(uniqueName()), ObjectHandle::none);
     EXPECT_EQ(lastError(), kErrorNotEnoughMemory);
   }
   EXPECT_TRUE(closeObject(event));
+}
+
+/// Each connection of a listener opens the shutdown event, thousands of them at once.
+TEST_F(LinuxKernelObjects, whatThisProcessHoldsIsOpenedAgainWithoutADescriptor) {
+  const ObjectHandle event = createEvent(nullptr, name_);
+  fs::remove(folder_ / fileName(name_));
+  const ResourceLimit noDescriptors(RLIMIT_NOFILE, kStandardStreamsOnly);
+  const ObjectHandle opened = openEvent(name_);
+  const ObjectHandle created = createEvent(nullptr, name_);
+  EXPECT_EQ(lastError(), kErrorAlreadyExists);
+  EXPECT_TRUE(setEvent(opened));
+  EXPECT_TRUE(closeObject(opened));
+  EXPECT_TRUE(closeObject(event));
+  EXPECT_EQ(waitForObject(created, 0), kWaitObject);
+  EXPECT_TRUE(closeObject(created));
 }
 
 TEST_F(LinuxKernelObjects, withoutAChangeNotificationAWaitStillEnds) {

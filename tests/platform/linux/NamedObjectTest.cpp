@@ -42,7 +42,7 @@ TEST(NamedObject, aThreadThatEndsWithAMutexTellsThoseWhoWait) {
   auto [file, error] = StateFile::createUnnamed(folder.path().string(), {.type = ObjectType::mutex});
   ASSERT_EQ(error, 0);
   ASSERT_EQ(file->linkTo(path), 0);
-  const auto mutex = std::make_shared<NamedObject>(ObjectType::mutex, std::move(*file), path);
+  const auto mutex = std::make_shared<NamedObject>(ObjectType::mutex, std::move(*file), ObjectPlace{path, {}, 0});
   const Notices notices(path);
   std::thread([&] {
     EXPECT_EQ(mutex->wait(0), kWaitObject);

@@ -60,10 +60,18 @@ LPTHREAD_START_ROUTINE controlRoutine() {
   return reinterpret_cast<LPTHREAD_START_ROUTINE>(reinterpret_cast<void*>(routine));
 }
 
+/// Milliseconds that the console system grants a program whose console is closed.
+constexpr DWORD kClosePatience = 5000;
+
 void tellEvents(HANDLE program, LPTHREAD_START_ROUTINE routine) {
   std::uintptr_t type = 0;
   while (std::cin >> type) {
     const Handle told(::CreateRemoteThread(program, nullptr, 0, routine, reinterpret_cast<void*>(type), 0, nullptr));
+    if (type == CTRL_CLOSE_EVENT) {
+      // Once its routine has returned, or not in time, the console system ends the program.
+      ::WaitForSingleObject(told.get(), kClosePatience);
+      ::TerminateProcess(program, static_cast<UINT>(STATUS_CONTROL_C_EXIT));
+    }
   }
 }
 

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <zmq.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -21,6 +22,9 @@ std::vector<std::pair<int, std::int32_t>> optionsSet;
 /// The socket that the last one was set of: the classes show nobody theirs.
 void* lastSocket = nullptr;
 
+/// The error number that a close leaves, where it is not 0.
+int closeLeaves = 0;
+
 }  // namespace
 
 /// Takes the library's place in the whole test program.
@@ -33,6 +37,16 @@ extern "C" int zmq_setsockopt(void* socket, int option, const void* value, std::
   optionsSet.emplace_back(option, number);
   lastSocket = socket;
   return original(socket, option, value, size);
+}
+
+extern "C" int zmq_close(void* socket) {
+  using Close = int (*)(void*);
+  static const auto original = reinterpret_cast<Close>(::dlsym(RTLD_NEXT, "zmq_close"));
+  const int result = original(socket);
+  if (closeLeaves != 0) {
+    errno = closeLeaves;
+  }
+  return result;
 }
 
 namespace QXUTIL::ZEROMQ {
@@ -95,7 +109,24 @@ TEST_F(SocketOptions, aFailedConnectSetsNone) {
   (void)taken();
   EXPECT_EQ(push.connect("nonsense"), -1);
   EXPECT_EQ(taken(), Options{});
-  expectedLiveSockets_ = -1;
+}
+
+TEST_F(SocketOptions, theErrorOfAFailedConnectIsKeptBeforeTheClose) {
+  closeLeaves = EINTR;
+  ZPush push;
+  EXPECT_EQ(push.connect("nonsense"), -1);
+  closeLeaves = 0;
+  EXPECT_EQ(push.lastError(), EINVAL);
+}
+
+TEST_F(SocketOptions, aFailedSendClosesFirstAndThenAsksForTheError) {
+  ZPush push;
+  ASSERT_EQ(push.bind(kAnyPort), 0);
+  closeLeaves = EINTR;
+  EXPECT_EQ(push.send("text"), -1) << "nobody is connected";
+  closeLeaves = 0;
+  EXPECT_EQ(push.lastError(), EINTR);
+  EXPECT_EQ(push.lastErrorText(), ::zmq_strerror(EINTR));
 }
 
 TEST_F(SocketOptions, theReceiveTimeOutIsSetOnlyWhenItChanges) {
