@@ -11,6 +11,7 @@ import json
 import os
 import platform
 import re
+import resource
 import signal
 import socket
 import statistics
@@ -21,7 +22,9 @@ import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 
-WORKERS = 16  # requests that keltop handles at a time
+WORKERS = 16  # requests at a time, where what a crowd leaves behind is measured
+CROWD = 1000  # peers at once
+TRACE_WAIT = 10  # milliseconds that the end of every run waits for the trace, which is a requirement
 TAKEN = b"taken"  # what the web server answers a post
 
 
@@ -113,87 +116,161 @@ class Bench:
 
     # HTTP
 
-    def requests_per_second(self, port, connections, seconds):
+    def requests_per_second(self, port, connections, seconds, may_lose=0):
         done = subprocess.run(["wrk", f"-t{min(2, connections)}", f"-c{connections}", f"-d{seconds}s",
                                f"http://127.0.0.1:{port}/rsi?x=1"], stdout=subprocess.PIPE, check=True)
-        # What no worker takes at once waits in the library's queue, wrk's surplus connections too; it may close some.
-        self.check_wrk(done.stdout, 0.05 if connections > WORKERS else 0)
+        self.check_wrk(done.stdout, may_lose)
         return float(re.search(rb"Requests/sec:\s+([\d.]+)", done.stdout)[1])
 
     @staticmethod
     def check_wrk(report, part):
-        """Ends the run when more than a part of the requests was not answered. An answer that ends with its connection
-        counts as answered and as an error of reading, and wrk connects twice after it; so errors of reading are none or
-        as many as requests."""
+        """Ends the run when more than a part of the requests was not answered, beyond what was under way at its end. An
+        answer that ends with its connection counts as answered and as an error of reading, and wrk connects twice after
+        it; so errors of reading are none or as many as requests."""
         requests = int(re.search(rb"(\d+) requests in", report)[1])
         errors = re.search(rb"Socket errors: connect (\d+), read (\d+), write (\d+), timeout (\d+)", report)
         connect, read, write, late = map(int, errors.groups()) if errors else (0, 0, 0, 0)
         lost = min(read, abs(read - requests))
-        if not requests or lost > part * requests or connect or write or late or b"Non-2xx" in report:
+        under_way = int(re.search(rb"(\d+) connections", report)[1])
+        if not requests or lost > under_way + part * requests or connect or write or late or b"Non-2xx" in report:
             sys.exit(f"requests were lost, refused or late:\n{report.decode()}")
 
     def http(self, rounds, seconds):
-        own, floor, node = free_port(), free_port(), free_port()
+        own, floor, node, bare = free_port(), free_port(), free_port(), free_port()
         servers = [self.start(self.keltop("-p", str(own)), os.path.join(self.folder, "keltop.out")),
                    self.start([os.path.join(self.build, "FloorServer"), str(floor)]),
                    self.start(["node", os.path.join(HERE, "node-server.js"), str(node)],
-                              os.path.join(self.folder, "node.out"))]
+                              os.path.join(self.folder, "node.out")),
+                   self.start([os.path.join(self.build, "BareServer"), str(bare)],
+                              os.path.join(self.folder, "bare.out"))]
         try:
-            for port in (own, floor, node):
+            for port in (own, floor, node, bare):
                 until(lambda: answers(port), "a peer's start")
-            for connections in (1, 8, 64):
-                with_floor, with_node = [], []
+            for connections, above_floor, above_node in ((1, 1.2, 1.1), (8, 1.2, 1.2), (64, 1.1, 1.2)):
+                with_floor, with_node, with_bare = [], [], []
                 for number in range(rounds):
                     # To and fro, so that a machine that gets slower or faster favours nobody.
-                    order = (own, floor, node) if number % 2 else (node, floor, own)
-                    figures = {port: self.requests_per_second(port, connections, seconds) for port in order}
+                    order = (own, floor, node, bare) if number % 2 else (bare, node, floor, own)
+                    # The library's queue drops what is beyond 64: wrk's surplus connections.
+                    figures = {port: self.requests_per_second(port, connections, seconds, 0.05 if port == floor else 0)
+                               for port in order}
                     with_floor.append((figures[own], figures[floor]))
                     with_node.append((figures[own], figures[node]))
+                    with_bare.append((figures[own], figures[bare]))
                 what = f"HTTP requests, {connections} connection{'s' if connections > 1 else ''}"
-                self.ratio(what, with_floor, "same library, prints nothing", 0.95, "1/s")
-                self.ratio(what, with_node, "Node script that prints", None, "1/s")
+                self.ratio(what, with_bare, "the limit: system calls alone", None, "1/s")
+                self.ratio(what, with_floor, "same library with its own sockets, prints nothing", above_floor, "1/s")
+                self.ratio(what, with_node, "Node script that prints", above_node, "1/s")
         finally:
             for server in servers:
                 self.stop(server)
 
     # Raw TCP
 
-    def raw_seconds(self, command, port, size, output):
-        """The time from the connection until the peer has shown as many bytes as were sent."""
+    def raw_seconds(self, command, port, size, output, peers=1):
+        """The time from the first connection until the peer has shown as many bytes as were sent in all."""
         process = self.start(command, output)
-        connection = None
+        connections = []
         try:
-            deadline = time.monotonic() + 20
-            while connection is None:
-                try:
-                    connection = socket.create_connection(("127.0.0.1", port))
-                except OSError:
-                    if time.monotonic() > deadline:
-                        sys.exit(f"{command[0]} did not start")
-                    time.sleep(0.01)
+            until(lambda: listens(port), f"{command[0]}'s start")
             before = os.path.getsize(output)
             begin = time.perf_counter()
-            connection.sendall(b"x" * size)
-            connection.close()
+            for _ in range(peers):
+                connections.append(socket.create_connection(("127.0.0.1", port)))
+            with concurrent.futures.ThreadPoolExecutor(peers) as pool:
+                for sent in [pool.submit(self.send_and_close, connection, size // peers) for connection in connections]:
+                    sent.result()
             until(lambda: os.path.getsize(output) >= before + size, "the whole burst", 120, pause=0.0002)
             return time.perf_counter() - begin
         finally:
             self.stop(process)
 
-    def raw(self, rounds, megabytes):
-        size = megabytes * 1_000_000
-        output = os.path.join(self.folder, "raw.out")
-        peers = [("bare loop of one-byte receives", lambda port: [os.path.join(self.build, "OneByteLoop"), str(port)], 3),
-                 ("nc -l", lambda port: ["nc", "-l", str(port)], None),
-                 ("socat", lambda port: ["socat", "-u", f"TCP-LISTEN:{port},reuseaddr", "STDOUT"], None)]
-        for name, command, limit in peers:
-            def speed(command):
-                port = free_port()
-                return megabytes / self.raw_seconds(command(port), port, size, output)
+    @staticmethod
+    def send_and_close(connection, size):
+        with connection:
+            connection.sendall(b"x" * size)
 
-            pairs = to_and_fro(rounds, lambda: speed(lambda port: self.keltop("-raw", "-p", str(port))),
-                               lambda: speed(command))
-            self.ratio("raw bytes in a burst", pairs, name, limit, "MB/s")
+    def raw(self, rounds, megabytes):
+        output = os.path.join(self.folder, "raw.out")
+
+        def speed(command, size, peers=1):
+            port = free_port()
+            return size / self.raw_seconds(command(port), port, size * 1_000_000, output, peers)
+
+        def own(port):
+            return self.keltop("-raw", "-p", str(port))
+
+        peers = [("bare loop of one-byte receives", lambda port: [os.path.join(self.build, "OneByteLoop"), str(port)], 3,
+                  min(20, megabytes)),
+                 ("nc -l", lambda port: ["nc", "-l", str(port)], 0.95, megabytes),
+                 ("socat", lambda port: ["socat", "-u", f"TCP-LISTEN:{port},reuseaddr", "STDOUT"], 1, megabytes)]
+        for name, command, limit, size in peers:
+            pairs = to_and_fro(rounds, lambda: speed(own, size), lambda: speed(command, size))
+            self.ratio(f"raw bytes in a burst of {size} MB", pairs, name, limit, "MB/s")
+        pairs = to_and_fro(rounds, lambda: speed(own, 256, 64), lambda: speed(own, 256))
+        self.ratio("raw bytes of 64 peers at once, 4 MB each", pairs, "one peer with as many", 0.8, "MB/s")
+
+    # A crowd
+
+    def crowd(self, rounds):
+        """As many raw peers at once: how long until every line is shown, what they cost, how long the end takes."""
+        resource.setrlimit(resource.RLIMIT_NOFILE, (resource.getrlimit(resource.RLIMIT_NOFILE)[1],) * 2)
+        shown, memory, ends = [], [], []
+        for _ in range(rounds):
+            port, output = free_port(), os.path.join(self.folder, "crowd.out")
+            process = self.start(self.keltop("-raw", "-p", str(port)), output)
+            with contextlib.ExitStack() as stack:
+                stack.callback(self.stop, process)
+                until(lambda: listens(port), "keltop's start")
+                begin = time.perf_counter()
+                for number in range(CROWD):
+                    peer = stack.enter_context(socket.create_connection(("127.0.0.1", port)))
+                    peer.sendall(b"<%d>\n" % number)
+
+                def lines():
+                    with open(output, "rb") as file:
+                        return file.read().count(b">\n")
+                until(lambda: lines() == CROWD, "every peer's line", 60)
+                shown.append(time.perf_counter() - begin)
+                memory.append(self.resident(process) / 1024)
+                begin = time.perf_counter()
+                process.send_signal(signal.SIGINT)
+                process.wait(20)
+                ends.append(time.perf_counter() - begin)
+        for what, figures, unit, limit in ((f"{CROWD} raw peers at once, until every line is shown", shown, "s", 2),
+                                           (f"{CROWD} raw peers at once, memory", memory, "MiB", 48),
+                                           (f"{CROWD} raw peers at once, the end", ends, "s", 1)):
+            middle = statistics.median(figures)
+            self.row(what, f"{middle:.2f} {unit}", f"worst of {rounds}: {max(figures):.2f} {unit}", f"<= {limit} {unit}",
+                     middle <= limit)
+
+    # Idle
+
+    def idle(self, seconds):
+        """The processor time of a listener that has nothing to do."""
+        for what, switches, peers in (("HTTP listener, nobody connected", (), 0),
+                                      ("raw listener, 100 silent peers", ("-raw",), 100)):
+            port = free_port()
+            process = self.start(self.keltop(*switches, "-p", str(port)))
+            with contextlib.ExitStack() as stack:
+                stack.callback(self.stop, process)
+                until(lambda: listens(port), "keltop's start")
+                for _ in range(peers):
+                    stack.enter_context(socket.create_connection(("127.0.0.1", port)))
+                time.sleep(1)
+                before = self.processor_seconds(process)
+                time.sleep(seconds)
+                spent = self.processor_seconds(process) - before
+            self.row(f"idle: {what}", f"{1000 * spent:.0f} ms", f"of processor time in {seconds} s")
+
+    @staticmethod
+    def processor_seconds(process):
+        """As the scheduler counts it: the ticks of the process are too coarse."""
+        spent = 0
+        for thread in os.listdir(f"/proc/{process.pid}/task"):
+            with open(f"/proc/{process.pid}/task/{thread}/schedstat", encoding="ascii") as file:
+                spent += int(file.read().split()[0])
+        return spent / 1e9
 
     # Start-up
 
@@ -212,8 +289,9 @@ class Bench:
 
     def start_up(self, rounds):
         for name, command in (("curl --version", ["curl", "--version"]), ("node -e 0", ["node", "-e", "0"])):
-            pairs = to_and_fro(rounds, lambda: self.milliseconds(self.keltop("-h")), lambda: self.milliseconds(command))
-            self.ratio("start to exit, -h", pairs, name, None, "ms", at_most=True)
+            pairs = to_and_fro(rounds, lambda: self.milliseconds(self.keltop("-h")) - TRACE_WAIT,
+                               lambda: self.milliseconds(command))
+            self.ratio(f"start to exit, -h, less {TRACE_WAIT} ms for the trace", pairs, name, None, "ms", at_most=True)
         times = []
         for _ in range(rounds):
             port = free_port()
@@ -271,9 +349,10 @@ http {{
                               ("HTTPS", f"https://127.0.0.1:{secure}/rsi/")):
                 curl = ["curl", "-s", "-k", "-H", "Content-Type: application/json", "--data-binary", f"@{body}", url]
                 post = self.keltop("-rsi", "json", "-url", url)  # it ends with 0 whatever came of it
-                pairs = to_and_fro(rounds, lambda: self.milliseconds(post, TAKEN),
+                pairs = to_and_fro(rounds, lambda: self.milliseconds(post, TAKEN) - TRACE_WAIT,
                                    lambda: self.milliseconds(curl, TAKEN))
-                self.ratio(f"one JSON post by {name}, whole process", pairs, "curl, same bytes", None, "ms", at_most=True)
+                self.ratio(f"one JSON post by {name}, whole process, less {TRACE_WAIT} ms for the trace", pairs,
+                           "curl, same bytes", None, "ms", at_most=True)
         finally:
             self.stop(server)
 
@@ -427,12 +506,14 @@ def main():
     options.add_argument("--windows", help="the program for Windows, where it has been built")
     options.add_argument("--quick", action="store_true", help="shorter rounds, for trying the benchmark itself")
     options.add_argument("--page", help="the file to write the table to, as a page")
-    options.add_argument("only", nargs="*", help="http, raw, start, posts, trace, xml, windows or growth; all without")
+    options.add_argument("only", nargs="*", help="http, raw, crowd, idle, start, posts, trace, xml, windows or growth; all without")
     given = options.parse_args()
     with tempfile.TemporaryDirectory(prefix="keltop-bench-") as folder:
         bench = Bench(given.build, given.windows, folder)
         parts = {"http": lambda: bench.http(3 if given.quick else 15, 1 if given.quick else 2),
-                 "raw": lambda: bench.raw(1 if given.quick else 5, 20),
+                 "raw": lambda: bench.raw(1 if given.quick else 15, 200),
+                 "crowd": lambda: bench.crowd(1 if given.quick else 15),
+                 "idle": lambda: bench.idle(5 if given.quick else 60),
                  "start": lambda: bench.start_up(5 if given.quick else 31),
                  "posts": lambda: bench.posts(5 if given.quick else 31),
                  "trace": lambda: bench.trace(3 if given.quick else 5),

@@ -250,8 +250,47 @@ std::optional<std::string> plainResponse(const std::string& answer) {
          found.suffix().str() + "\r\n";
 }
 
-void checkHttp(const Case& post, const Poco::URI& uri) {
-  const std::string path = uri.getPath().ends_with('/') ? uri.getPath() : uri.getPath() + "/";
+/// The path as it was typed: what follows scheme and authority (RFC 3986, 3), up to query or fragment.
+std::string typedPath(const std::string& url) {
+  std::string typed = url.substr(0, url.find_first_of("?#"));
+  const std::size_t scheme = typed.find_first_of(":/");
+  if (typed.find_first_of("/.") != 0 && scheme != std::string::npos && typed[scheme] == ':') {
+    typed = typed.substr(scheme + 1);
+    if (typed.starts_with("//")) {
+      const std::size_t path = typed.find('/', 2);
+      typed = path == std::string::npos ? "" : typed.substr(path);
+    }
+  }
+  return typed;
+}
+
+/// The path that is asked for: each byte that a path may hold as itself, every other one encoded, as it was typed where
+/// it was encoded already; and a slash.
+std::string modelPath(const std::string& url) {
+  static const std::regex plain("[A-Za-z0-9/._~!$&'()*+,;=:@-]");
+  const std::string typed = typedPath(url);
+  std::string path;
+  for (std::size_t at = 0; at < typed.size();) {
+    const std::size_t length = typed[at] == '%' ? 3 : 1;
+    const std::string piece = typed.substr(at, length);
+    const int byte = length == 3 ? std::stoi(piece.substr(1), nullptr, 16) : static_cast<unsigned char>(piece[0]);
+    const std::string character(1, static_cast<char>(byte));
+    if (std::regex_match(character, plain)) {
+      path += character;
+    } else if (length == 3) {
+      path += piece;
+    } else {
+      path += '%';
+      path += "0123456789ABCDEF"[byte >> 4];
+      path += "0123456789ABCDEF"[byte & 15];
+    }
+    at += length;
+  }
+  return path.ends_with('/') ? path : path + "/";
+}
+
+void checkHttp(const Case& post) {
+  const std::string path = modelPath(post.url);
   const std::string head =
       "POST " + path + " HTTP/1.1\r\nDate: " + std::string(kHeaderDate) + "\r\nUser-Agent: " + post.agent +
       "\r\nContent-Length: " + std::to_string(post.payload.size()) + "\r\nContent-Type: " + post.type + "\r\n";
@@ -262,7 +301,8 @@ void checkHttp(const Case& post, const Poco::URI& uri) {
     return;
   }
   const std::string wire = behind("the request", head, *post.sent);
-  check(wire.starts_with("Connection: Close\r\nHost: ") && wire.size() >= post.payload.size(),
+  constexpr std::string_view kAdded = "Connection: Close\r\nHost: ";
+  check(wire.starts_with(kAdded) && wire.find("\r\n", kAdded.size()) + 4 + post.payload.size() == wire.size(),
         "the request's end: " + shown(wire));
   checkFits("the request's body", "\r\n\r\n" + post.payload,
             wire.substr(wire.size() - std::min(wire.size(), post.payload.size() + 4)));
@@ -292,7 +332,7 @@ void checkCase(const Case& post) {
     } else if (post.url.size() >= 6 && post.url[4] != ':') {
       checkHttps(post);
     } else {
-      checkHttp(post, uri);
+      checkHttp(post);
     }
   } catch (const Poco::Exception& error) {
     checkEqual("the console", ownReport(post) + error.displayText() + "\n", post.console);

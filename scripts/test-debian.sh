@@ -4,18 +4,21 @@
 #   scripts/test-debian.sh SUITE               bookworm, trixie or sid: run.sh, the whole test suite, the Debian package
 #   scripts/test-debian.sh SUITE --windows     the tests of the Windows build under that release's Wine; the build is this
 #                                              tree's (scripts/build-windows.sh)
-#   scripts/test-debian.sh SUITE -- COMMAND... runs a command there, in a copy of this tree
+#   scripts/test-debian.sh SUITE -- COMMAND... runs a command there, in a copy of this tree with its Windows build
 #
-# As root or with sudo. The system is unpacked in ${TMPDIR:-/var/tmp} and removed at the end, however that comes. It is
-# entered in namespaces of its own, which take with them what is mounted and what runs there. It uses the machine's network,
-# and Debian's archives from where this machine takes its packages.
+# As root or with sudo. The system is unpacked for the run and removed at its end, however that comes. It is entered in
+# namespaces of its own, which take with them what is mounted and what runs there. It uses the machine's network, and
+# Debian's archives from where this machine takes its packages.
+#
+# The exit code is 77 where the machine does not let anybody make such namespaces, as in many containers.
 #
 # Kept in ${KELTOP_DEBIAN_CACHE:-${XDG_CACHE_HOME:-~/.cache}/keltop-debian}, for each release: the base system, for a week;
-# downloaded packages; compiled objects.
+# downloaded packages; compiled objects. The system is unpacked there, too.
 set -euo pipefail
 source "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/setup.sh"
 
 BASE_DAYS=7
+CANNOT_TRY=77
 
 usage() {
   sed -n '/^#   /s/^# *//p' "$KELTOP_ROOT/scripts/test-debian.sh" >&2
@@ -40,6 +43,10 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 
 need "${KELTOP_DEBIAN_PACKAGES[@]}"
+unshare --mount --pid --ipc --fork true 2>/dev/null || {
+  echo "keltop: this machine lets nobody make namespaces: no fresh system can be tried here" >&2
+  exit "$CANNOT_TRY"
+}
 cache=$KELTOP_DEBIAN_CACHE/$suite
 base=$cache/base.tar
 mkdir -p "$cache/archives/partial" "$cache/ccache"
@@ -51,7 +58,9 @@ flock --nonblock 8 || {
   flock 8
 }
 
-work=$(mktemp -d "${TMPDIR:-/var/tmp}/keltop-debian.XXXXXX")
+work=$cache/work
+rm -rf --one-file-system "$work"  # of a run that was killed
+mkdir "$work"
 system=
 # Ends what runs in the system, then removes it. Its mounts are gone with its processes.
 clean_up() {
@@ -72,7 +81,8 @@ trap 'exit 143' TERM
 in_background() {
   local result=0
   set -m
-  "$@" 8>&- </dev/null &
+  # Should this script be killed, the command goes with it.
+  setpriv --pdeathsig KILL "$@" 8>&- </dev/null &
   system=$!
   set +m
   wait "$system" || result=$?
@@ -138,11 +148,11 @@ cp -L /etc/resolv.conf /etc/hosts /etc/hostname "$root/etc/"
 # The sources, as they are now, at the same place: a build names the folder that it was made in.
 mkdir -p "$root$KELTOP_ROOT"
 tar -C "$KELTOP_ROOT" --exclude-vcs --exclude='./build*' -cf - . | tar -C "$root$KELTOP_ROOT" --no-same-owner -xf -
-if [ "$trial" = windows ]; then
-  [ -f "$KELTOP_ROOT/build/windows/keltop.exe" ] || {
-    echo "keltop: no Windows build in this tree: scripts/build-windows.sh makes it" >&2
-    exit 1
-  }
+if [ "$trial" = windows ] && [ ! -f "$KELTOP_ROOT/build/windows/keltop.exe" ]; then
+  echo "keltop: no Windows build in this tree: scripts/build-windows.sh makes it" >&2
+  exit 1
+fi
+if [ "$trial" != commands ] && [ -d "$KELTOP_ROOT/build/windows" ]; then
   mkdir "$root$KELTOP_ROOT/build"
   tar -C "$KELTOP_ROOT/build" --exclude=windows/wine -cf - windows | tar -C "$root$KELTOP_ROOT/build" -xf -
 fi

@@ -6,7 +6,7 @@ set -euo pipefail
 source "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/setup.sh"
 
 preset=${KELTOP_PRESET:-release}
-need "${KELTOP_BUILD_PACKAGES[@]}" "${KELTOP_TEST_PACKAGES[@]}"
+need "${KELTOP_BUILD_PACKAGES[@]}" "${KELTOP_TEST_PACKAGES[@]}" "${KELTOP_DEB_PACKAGES[@]}"
 echo "keltop: building ($preset)" >&2
 build "$preset"
 run_tests "$preset" "$@"

@@ -12,6 +12,7 @@
 #include <system_error>
 
 #include "app/SecureListening.h"
+#include "net/ListeningSocket.h"
 #include "net/Server.h"
 #include "platform/KernelObjects.h"
 #include "platform/Process.h"
@@ -24,6 +25,8 @@
 #include "servers/RawPacketConnectionFactory.h"
 #include "servers/RestRequestHandlerFactory.h"
 #include "trace/StopTrace.h"
+#include "view/PageServer.h"
+#include "view/TrafficLog.h"
 
 namespace keltop {
 
@@ -44,6 +47,20 @@ std::unique_ptr<net::Server> makeServer(bool raw, const net::ServerOptions& opti
   return std::make_unique<net::Server>(options, Poco::makeShared<RestRequestHandlerFactory>());
 }
 
+/// The live page and what it shows, where it is asked for.
+struct View {
+  view::TrafficLog log;
+  std::unique_ptr<view::PageServer> page{};
+
+  void open(const view::Listener& listener, const std::string& port, ConsoleStream& console) {
+    page = std::make_unique<view::PageServer>(log, listener, port);
+    console << "View: http://127.0.0.1:" << page->port() << "/\r\n" << std::endl;
+  }
+
+  /// Whether every browser's connection has ended.
+  [[nodiscard]] bool stop() { return page == nullptr || page->stop(kWorkersGrace); }
+};
+
 /// Ends the process where the trace does not end in time: what is left of it is its last line.
 void endTrace(int exitCode) {
   try {
@@ -54,6 +71,12 @@ void endTrace(int exitCode) {
   } catch (const std::system_error&) {
     stopTrace();  // no thread to be had: then it takes as long as it takes
   }
+}
+
+/// What a failure of the library or of a file ends the listener with.
+int showFailure(ConsoleStream& console, const Poco::Exception& error) {
+  console << "Error: " << error.displayText() << std::endl;
+  return 1;
 }
 
 }  // namespace
@@ -75,23 +98,34 @@ int listen(const SwitchMap& switches) {
     console << "Server not running, shutting down." << std::endl;
     return 0;
   }
+  std::optional<SecureListening> secure;
+  try {
+    secure = SecureListening::fromSwitches(switches);
+  } catch (const Poco::Exception& error) {
+    return showFailure(console, error);
+  }
+  if (!platform::waitForOutput(shutdown.handle())) {
+    platform::stopWaitingForOutput();  // told to stop while nobody read
+  }
+  console << "Press Ctrl-C to stop.\n"
+          << "Listening on: " << port << "\r\n"
+          << std::endl;
+  if (secure) {
+    secure->announce(console);
+  }
+  const bool raw = findSwitch(switches, "RAW") != nullptr;
+  const std::string* viewPort = findSwitch(switches, "VIEW");
+  const auto shown = viewPort == nullptr ? nullptr : std::make_unique<View>();
   int exitCode = 0;
   std::unique_ptr<net::Server> server;
   try {
-    const std::optional<SecureListening> secure = SecureListening::fromSwitches(switches);
-    if (!platform::waitForOutput(shutdown.handle())) {
-      platform::stopWaitingForOutput();  // told to stop while nobody read
-    }
-    console << "Press Ctrl-C to stop.\n"
-            << "Listening on: " << port << "\r\n"
-            << std::endl;
     // The socket takes the low 16 bits of whatever number was given, on purpose.
-    net::ServerOptions options = {.port = static_cast<std::uint16_t>(port)};
-    if (secure) {
-      secure->announce(console);
-      options.make = secure->makeSocket();
+    server = makeServer(raw, {.port = static_cast<std::uint16_t>(port),
+                              .watcher = shown ? &shown->log : nullptr,
+                              .make = secure ? secure->makeSocket() : net::makePlainSocket});
+    if (shown) {
+      shown->open({raw, server->port()}, *viewPort, console);
     }
-    server = makeServer(findSwitch(switches, "RAW") != nullptr, options);
     server->start();
     const std::uint32_t ended = platform::waitForObject(shutdown.handle(), platform::kInfinite);
     server->stop();
@@ -99,10 +133,10 @@ int listen(const SwitchMap& switches) {
       throw Poco::SystemException("Cannot wait for the shutdown event");
     }
   } catch (const Poco::Exception& error) {
-    console << "Error: " << error.displayText() << std::endl;
-    exitCode = 1;
+    exitCode = showFailure(console, error);
   }
-  const bool finished = server == nullptr || server->finish(kWorkersGrace);
+  const bool pageFinished = shown == nullptr || shown->stop();
+  const bool finished = (server == nullptr || server->finish(kWorkersGrace)) && pageFinished;
   platform::stopWaitingForOutput();
   endTrace(exitCode);
   if (!finished) {

@@ -52,9 +52,9 @@ class AppendGate {
 };
 
 /// Copies the content and the write time of an open file; a file under the new name is replaced. After a failure, a
-/// copy that was begun is gone. Linux: the open file is copied, whatever became of its name. Windows: what lies under
-/// its path, which is the same: the run-time library opens without sharing the deletion, and so an open file can be
-/// neither moved nor deleted.
+/// copy that was begun is gone. Linux: the open file is copied, wherever it was moved to; one that was deleted is not.
+/// Windows: what lies under its path, which is the same: the run-time library opens without sharing the deletion, and
+/// so an open file can be neither moved nor deleted.
 bool copyOpenFile(FileHandle file, const std::string& path, const std::string& to) noexcept;
 
 /// Copies the content and the write time; a file under the new name is replaced. After a failure, a copy that was

@@ -5,16 +5,21 @@
 #include <Poco/Exception.h>
 #include <Poco/Net/Context.h>
 #include <Poco/Net/HTTPSClientSession.h>
-#include <Poco/Net/SSLException.h>
-#include <Poco/Net/SecureStreamSocket.h>
+#include <Poco/Net/NetException.h>
+#include <Poco/Net/SocketAddress.h>
+#include <Poco/Net/StreamSocket.h>
 #include <Poco/StreamCopier.h>
 #include <Poco/Timespan.h>
 #include <Poco/Timestamp.h>
+#include <openssl/ssl.h>
 
+#include <algorithm>
 #include <istream>
+#include <new>
 #include <sstream>
 
 #include "posts/ReportFailure.h"
+#include "posts/TlsSocket.h"
 #include "product/ConsoleStream.h"
 
 namespace keltop {
@@ -38,33 +43,29 @@ std::unique_ptr<HTTPClientSession> openPlainSession(const std::string& host, std
   return std::make_unique<HTTPClientSession>(host, port);
 }
 
-/// What is left of the time-out when the handshake has had all of it.
-constexpr Poco::Timespan::TimeDiff kLookMicroseconds = 1000;
-
-/// A session whose connecting fails when the handshake does not come about. The library takes one that the peer has
-/// ended for done, and where a wait that ran out counts as "try again", one that stalled too; either would show only
-/// when the response is read.
+/// The library's session over a socket that behaves as a plain one does.
 class SecureSession : public Poco::Net::HTTPSClientSession {
  public:
   SecureSession(const std::string& host, std::uint16_t port, const Context::Ptr& context)
-      : HTTPSClientSession(host, port, context) {}
+      : HTTPSClientSession(host, port, context) {
+    attachSocket(Poco::Net::StreamSocket(new TlsSocket(context, host)));
+  }
 
  protected:
-  void connect(const Poco::Net::SocketAddress& address) override {
-    HTTPSClientSession::connect(address);
-    Poco::Net::SecureStreamSocket secure(socket());
-    secure.setReceiveTimeout(Poco::Timespan(kLookMicroseconds));
-    if (secure.completeHandshake() != 1) {
-      throw Poco::Net::SSLConnectionUnexpectedlyClosedException();
-    }
-    secure.setReceiveTimeout(getTimeout());
-  }
+  void connect(const Poco::Net::SocketAddress& address) override { HTTPSession::connect(address); }
 };
+
+/// What the system asks of TLS. Newer versions of the library put an asking of their own, none, in its place.
+int systemSecurityLevel() {
+  const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> untouched(SSL_CTX_new(TLS_client_method()), SSL_CTX_free);
+  return SSL_CTX_get_security_level(untouched.get());
+}
 
 /// Any certificate will do: servers under test have home-made ones.
 std::unique_ptr<HTTPClientSession> openSecureSession(const std::string& host, std::uint16_t port) {
   const Context::Ptr context =
       new Context(Context::CLIENT_USE, "", Context::VERIFY_NONE, kVerificationDepth, kLoadDefaultAuthorities, kCiphers);
+  SSL_CTX_set_security_level(context->sslContext(), systemSecurityLevel());
   return std::make_unique<SecureSession>(host, port, context);
 }
 
@@ -102,10 +103,29 @@ void setHeaders(HTTPRequest& request, const Posting& posting) {
   request.setContentType(std::string(posting.contentType));
 }
 
-bool receive(const HttpWay& way, HTTPClientSession& session, HTTPResponse& response, std::ostream& body) {
+/// What a post is answered.
+struct Answer {
+  HTTPResponse head;
+  std::ostringstream body;
+  bool whole = true;
+};
+
+/// Reads the body as far as there is memory for it.
+void receiveBody(std::istream& stream, Answer& answer) {
+  // Streams keep what goes wrong in them to themselves unless they are asked.
+  stream.exceptions(std::ios::badbit);
+  answer.body.exceptions(std::ios::badbit);
   try {
-    std::istream& stream = session.receiveResponse(response);
-    Poco::StreamCopier::copyStream(stream, body, kBodyBufferSize);
+    Poco::StreamCopier::copyStream(stream, answer.body, kBodyBufferSize);
+  } catch (const std::bad_alloc&) {
+    answer.whole = false;
+  }
+}
+
+/// False when there is nothing to show, which has been reported.
+bool receive(const HttpWay& way, HTTPClientSession& session, Answer& answer) {
+  try {
+    receiveBody(session.receiveResponse(answer.head), answer);
     return true;
   } catch (const Poco::TimeoutException& error) {
     reportFailure(way.timeoutSite, "Read timeout: ", error);
@@ -113,6 +133,18 @@ bool receive(const HttpWay& way, HTTPClientSession& session, HTTPResponse& respo
     reportFailure(way.readSite, "Read error: ", error);
   }
   return false;
+}
+
+/// The library reads numbers followed by a blank and anything as an address, and puts all of it into the request.
+void checkHost(const std::string& host) {
+  const auto isBlankOrControl = [](char character) {
+    constexpr unsigned char kDelete = 0x7F;
+    const auto byte = static_cast<unsigned char>(character);
+    return byte <= ' ' || byte == kDelete;
+  };
+  if (std::ranges::any_of(host, isBlankOrControl)) {
+    throw Poco::Net::HostNotFoundException(host);
+  }
 }
 
 void exchange(const HttpWay& way, const Posting& posting, std::chrono::microseconds timeout) {
@@ -125,11 +157,16 @@ void exchange(const HttpWay& way, const Posting& posting, std::chrono::microseco
     return;
   }
   console.flush();  // the server may take its time
+  checkHost(posting.host);
   session->sendRequest(request) << posting.body;
-  HTTPResponse response;
-  std::ostringstream body;
-  if (receive(way, *session, response, body)) {
-    showResponse(console, way, response, body.view());
+  Answer answer;
+  if (!receive(way, *session, answer)) {
+    return;
+  }
+  showResponse(console, way, answer.head, answer.body.view());
+  if (!answer.whole) {
+    console.flush();
+    reportFailure(way.readSite, "Read error: ", Poco::OutOfMemoryException());
   }
 }
 

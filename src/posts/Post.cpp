@@ -10,6 +10,7 @@
 #include "posts/Posting.h"
 #include "posts/Protocol.h"
 #include "posts/RawPost.h"
+#include "posts/RequestPath.h"
 #include "product/ConsoleStream.h"
 
 namespace keltop {
@@ -38,14 +39,6 @@ bool goesByHttps(std::string_view url) noexcept {
   return url.size() >= kShortest && url[kColon] != ':';
 }
 
-/// The HTTP ways always send a path that ends with a slash, on purpose; the raw way sends the path as it is.
-std::string endedBySlash(std::string path) {
-  if (!path.ends_with('/')) {
-    path.push_back('/');
-  }
-  return path;
-}
-
 }  // namespace
 
 void Post(const SwitchMap& switches, std::uint32_t protocol, std::string userAgent, const std::string& body) {
@@ -70,7 +63,7 @@ void Post(const SwitchMap& switches, std::uint32_t protocol, std::string userAge
     postRaw(socket, posting);
     return;
   }
-  posting.path = endedBySlash(std::move(posting.path));
+  posting.path = requestPath(*url, posting.path);
   postHttp(goesByHttps(*url) ? kHttps : kPlainHttp, posting);
 }
 

@@ -1,9 +1,9 @@
 #include "posts/PostValues.h"
 
+#include <Poco/DateTime.h>
 #include <Poco/DateTimeFormatter.h>
-#include <Poco/LocalDateTime.h>
-#include <Poco/Timestamp.h>
 
+#include "platform/Clock.h"
 #include "product/ParseNumber.h"
 
 namespace keltop {
@@ -18,9 +18,15 @@ void setValue(PostValues& values, const ValueSwitch& valueSwitch, const std::str
   }
 }
 
+/// The library's own local time is off where a zone's summer time is not an hour, or is its standard time.
+Poco::DateTime localNow() {
+  const platform::LocalTime now = platform::localTime();
+  return {now.year, now.month, now.day, now.hour, now.minute, now.second};
+}
+
 void setTime(PostValues& values) {
-  // The time stamp holds local time as if it were UTC; saying so keeps the formatter from adding a zone.
-  const Poco::Timestamp now = Poco::LocalDateTime().timestamp();
+  // The digits are local already; saying UTC keeps the formatter from adding a zone.
+  const Poco::DateTime now = localNow();
   values.date = Poco::DateTimeFormatter::format(now, "%Y%m%d", Poco::DateTimeFormatter::UTC);
   values.time = Poco::DateTimeFormatter::format(now, "%H:%M:%S", Poco::DateTimeFormatter::UTC);
 }

@@ -27,7 +27,7 @@ class ReadAhead {
 
  private:
   static constexpr std::size_t kLeast = std::size_t{4} << 10U;
-  static constexpr std::size_t kMost = std::size_t{256} << 10U;
+  static constexpr std::size_t kMost = std::size_t{32} << 10U;
 
   Poco::Net::StreamSocket& socket_;
   std::unique_ptr<char[]> room_;

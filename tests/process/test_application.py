@@ -1,6 +1,7 @@
 """The command line: banner, help, which mode runs, and the exit codes."""
 
 import contextlib
+import fcntl
 import glob
 import os
 import resource
@@ -10,8 +11,8 @@ import subprocess
 
 import pytest
 
-from conftest import (AS_NOBODY, HEAD, LONG, as_root, eventually, for_everybody, free_port, is_listening, listening_on,
-                      port_in_use, windows_cannot, without_trace)
+from conftest import (AS_NOBODY, HEAD, LONG, STOP_LINE, as_root, eventually, for_everybody, free_port, is_listening,
+                      listening_on, port_in_use, windows_cannot, without_trace)
 
 HELP = b"""\
 \r
@@ -113,6 +114,27 @@ def test_help_runs_no_post(keltop, post):
 @pytest.mark.parametrize("switch", ["-help", "-hh", "--h", "-", "--?"])
 def test_only_the_exact_names_are_help(keltop, switch):
     assert shown(keltop.run(switch)) == (NO_PORT, 1)
+
+
+# The order of the start and the end
+
+
+@linux_terminal
+def test_the_trace_begins_before_the_banner_and_ends_after_everything(keltop):
+    """Into a pipe that has room for the trace's echo and not for the banner, the main thread waits before the banner."""
+    unread, output = os.pipe()
+    with open(unread, "rb", buffering=0) as reader:
+        size = fcntl.fcntl(output, fcntl.F_SETPIPE_SZ, 4096)
+        filler = os.write(output, b"." * (size - 120))
+        running = keltop.start("-h", stdout=output)
+        os.close(output)
+        trace = os.path.join(keltop.data, "TRACELOGS", "LOG1067.ltt")
+        eventually(lambda: os.path.exists(trace) and b"KELTOP - Built on" in open(trace, "rb").read(), what="the trace")
+        assert reader.read(filler) == b"." * filler
+        shown_text = b"".join(iter(lambda: reader.read(4096), b""))
+    assert running.wait() == 0
+    assert shown_text.startswith(b"LOG1067 ")
+    assert shown_text.endswith(b"Example: keltop -rsi jazz -url http://127.0.0.1/rsi\n" + STOP_LINE)
 
 
 # The key

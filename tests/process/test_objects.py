@@ -10,6 +10,7 @@ import shutil
 import signal
 import socket
 import struct
+import tempfile
 import threading
 import time
 
@@ -816,15 +817,15 @@ def something_to_hand_out(kind, agents):
     return os.open(path, os.O_RDWR | os.O_CREAT)  # an empty file, dead
 
 
-@linux_files
-@pytest.mark.parametrize("text", [b"", b"another place", None], ids=["no text", "another text", "the text"])
-@pytest.mark.parametrize("kind", ["nothing", "pipe", "device", "folder", "other file system", "dead file"])
-def test_what_strangers_hand_out_is_not_trusted(agents, kind, text):
-    two = agents.start()
-    address = holder_address(agents)
-    if text is None:
-        real = os.path.realpath(agents.folder)
-        text = f"{os.stat(real).st_dev}:{real}/keltop.Global%5CE".encode()
+def the_key(agents):
+    """What the holders of the event E and those who ask agree on."""
+    real = os.path.realpath(agents.folder)
+    return f"{os.stat(real).st_dev}:{real}/keltop.Global%5CE".encode()
+
+
+@contextlib.contextmanager
+def strangers(address, answer):
+    """Where the holders of an object would have their sockets: answer(connection) is what each who asks is given."""
     squatters = squat(address)
     done = threading.Event()
 
@@ -834,24 +835,57 @@ def test_what_strangers_hand_out_is_not_trusted(agents, kind, text):
             with contextlib.suppress(OSError):
                 connection, _ = listening.accept()
                 with connection:
-                    if kind == "nothing":
-                        connection.sendall(text or b"x")
-                    else:
-                        handed = something_to_hand_out(kind, agents)
-                        socket.send_fds(connection, [text or b"x"], [handed])
-                        os.close(handed)
+                    answer(connection)
+
     threads = [threading.Thread(target=serve, args=(squatter,)) for squatter in squatters]
     for thread in threads:
         thread.start()
     try:
-        handle, error = two.obtain("create-event", "E")
-        assert (error, two.wait(handle, 0)) == (NONE, TIMEOUT)
+        yield
     finally:
         done.set()
         for thread in threads:
             thread.join()
         for squatter in squatters:
             squatter.close()
+
+
+@linux_files
+@pytest.mark.parametrize("text", [b"x", b"another place", None], ids=["no text", "another text", "the text"])
+@pytest.mark.parametrize("kind", ["nothing", "pipe", "device", "folder", "other file system", "dead file"])
+def test_what_strangers_hand_out_is_not_trusted(agents, kind, text):
+    two = agents.start()
+    address = holder_address(agents)
+    text = text or the_key(agents)
+
+    def answer(connection):
+        if kind == "nothing":
+            connection.sendall(text)
+        else:
+            handed = something_to_hand_out(kind, agents)
+            socket.send_fds(connection, [text], [handed])
+            os.close(handed)
+
+    with strangers(address, answer):
+        handle, error = two.obtain("create-event", "E")
+        assert (error, two.wait(handle, 0)) == (NONE, TIMEOUT)
+
+
+@linux_files
+@pytest.mark.parametrize("place", ["another text", "another file system"])
+def test_a_living_object_of_another_place_is_not_taken(agents, place):
+    two = agents.start()
+    address = holder_address(agents)
+    folder = agents.folder if place == "another text" else "/dev/shm"
+    if place == "another file system" and os.stat(folder).st_dev == os.stat(agents.folder).st_dev:
+        pytest.skip("there is no other file system to write to")
+    with tempfile.NamedTemporaryFile(dir=folder, prefix="keltop-test-", buffering=0) as living:
+        living.write(b"KELTOBJ1" + struct.pack("4I", 1, 1, 1, 0))
+        fcntl.fcntl(living, fcntl.F_OFD_SETLK, struct.pack("hhqqi", fcntl.F_RDLCK, os.SEEK_SET, 4097, 1, 0))
+        text = b"another place" if place == "another text" else the_key(agents)
+        with strangers(address, lambda connection: socket.send_fds(connection, [text], [living.fileno()])):
+            handle, error = two.obtain("create-event", "E")
+            assert (error, two.wait(handle, 0)) == (NONE, TIMEOUT)
 
 
 # Two accounts

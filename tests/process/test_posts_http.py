@@ -1,5 +1,6 @@
 """Posts by plain HTTP, seen from the wire and from the console."""
 
+import contextlib
 import datetime
 import http.server
 import os
@@ -38,6 +39,42 @@ def test_request_on_the_wire_and_on_the_console(keltop, path, sent):
     assert sorted(lines[5:]) == [b"Connection: Close", b"Host: 127.0.0.1:%d" % peer.port]
     assert console == (b"Sending request\n" + b"\r\n".join(lines[:5]) + b"\r\n\r\n" + body +
                        b"\r\nReceived response\nHTTP/1.1 OK 200\r\nContent-Length: 2\r\n\r\nhi\r\n")
+
+
+# The path as it is typed, and as it goes out: what may not stand in a request line (RFC 3986, 3.3) is encoded, and stays
+# encoded as the address had it; every other escape is the character that it stands for.
+PATHS = {
+    "/a%20b": b"/a%20b/", "/a b": b"/a%20b/", "/%61%2d%7E": b"/a-~/", "/a%2Fb": b"/a/b/", "/a%2f": b"/a/",
+    "/a%3Fb": b"/a%3Fb/", "/a%3fb?c=1": b"/a%3fb/", "/a%23b#c": b"/a%23b/", "/a%25b": b"/a%25b/", "/a%2520b": b"/a%2520b/",
+    "/a%0d%0aX-Evil: 1%0D%0A%0D%0Ab": b"/a%0d%0aX-Evil:%201%0D%0A%0D%0Ab/", "/a\r\nX-Evil: 1": b"/a%0D%0AX-Evil:%201/",
+    "/%c3%a4": b"/%c3%a4/", "/\u00e4": b"/%C3%A4/", "/%e4%FF%00": b"/%e4%FF%00/", "/\t%7f%1b\x7f": b"/%09%7f%1b%7F/",
+    "/-._~!$&'()*+,;=:@": b"/-._~!$&'()*+,;=:@/", "/\"<>\\^`{|}[]": b"/%22%3C%3E%5C%5E%60%7B%7C%7D%5B%5D/",
+}
+
+
+@pytest.mark.parametrize("path", PATHS)
+def test_what_may_not_stand_in_a_request_line_is_encoded(keltop, path):
+    if keltop.windows and not path.isascii():
+        pytest.skip("the command line is in another character set there")
+    with Peer(answering(OK)) as peer:
+        console = exchange_of(post(keltop, peer.port, path))
+    line = b"POST " + PATHS[path] + b" HTTP/1.1\r\n"
+    assert peer.request.startswith(line + b"Date: ") and b"Evil" not in peer.request.split(b"\r\n", 1)[1]
+    assert console.startswith(b"Sending request\n" + line + b"Date: ")
+
+
+@pytest.mark.parametrize("host", ["127.0.0.1\r\nX-Evil", "[127.0.0.1\r\nX-Evil: 1]", "127.0.0.1 \t", "127.0.0.1\x7f"])
+@pytest.mark.parametrize("scheme", ["http", "https"])
+def test_no_host_puts_a_line_end_into_the_request(keltop, scheme, host):
+    with socket.socket() as unasked:
+        unasked.bind(("127.0.0.1", 0))
+        unasked.listen()
+        console = exchange_of(post(keltop, unasked.getsockname()[1], host=host, scheme=scheme))
+        unasked.settimeout(0)
+        with pytest.raises(BlockingIOError):
+            unasked.accept()
+    site = b"Post(1286)" if scheme == "http" else b"Post(1192)"
+    assert site + b" Error: Host not found: " in console
 
 
 @pytest.mark.parametrize("zone", ["UTC0", "XYZ-9", "XYZ11"])
@@ -134,6 +171,9 @@ RESPONSES = {
     # The library's collection keeps headers of one name together.
     "repeated and empty headers": (b"HTTP/1.1 200 OK\r\nZ: 1\r\nA:\r\nZ: 2\r\nContent-Length: 0\r\n\r\n",
                                    b"HTTP/1.1 OK 200\r\nZ: 1\r\nZ: 2\r\nA: \r\nContent-Length: 0\r\n\r\n\r\n"),
+    # The library decodes encoded words (RFC 2047) in header values.
+    "encoded words": (b"HTTP/1.1 200 OK\r\nX: =?utf-8?Q?caf=C3=A9?=\r\nContent-Length: 0\r\n\r\n",
+                      b"HTTP/1.1 OK 200\r\nX: caf\xc3\xa9\r\nContent-Length: 0\r\n\r\n\r\n"),
     "zero bytes": (b"HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\na\0b", b"HTTP/1.1 OK 200\r\nContent-Length: 3\r\n\r\na\0b\r\n"),
     # What came before the peer closed in mid-answer is what is shown.
     "cut short": (b"HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabc",
@@ -213,6 +253,27 @@ def test_reset_instead_of_an_answer(keltop):
     assert console.endswith(b"}Post(1261) Read error: Connection reset by peer\n"), console[-200:]
 
 
+def framed(framing, body, announced):
+    """The head of a response and the beginning of its body, of which more is announced."""
+    return {"length": b"HTTP/1.1 200 OK\r\nContent-Length: %d\r\n\r\n%b" % (announced, body),
+            "chunk": b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n%x\r\n%b" % (announced, body),
+            "end": b"HTTP/1.1 200 OK\r\n\r\n" + body}[framing]
+
+
+@windows_cannot("Wine tells a reset as an end")
+@pytest.mark.parametrize("size", [0, 5, 8191, 100000])
+@pytest.mark.parametrize("framing", ["length", "chunk", "end"])
+def test_reset_in_the_body(keltop, framing, size):
+    def serve(peer, connection):
+        peer.request = read_request(connection)
+        connection.sendall(framed(framing, b"x" * size, 200000))
+        reset(connection)
+
+    with Peer(serve) as peer:
+        console = exchange_of(post(keltop, peer.port))
+    assert console.endswith(b"}Post(1261) Read error: Connection reset by peer\n"), console[-200:]
+
+
 def sanitized(keltop):
     """Whether the build keeps books of its own in memory."""
     with open(keltop.command[-1], "rb") as program:
@@ -263,3 +324,30 @@ def test_a_response_of_100_megabytes(keltop, chunked):
         for _ in range(size // len(piece)):
             assert console.read(len(piece)) == piece
         assert console.read() == b"\r\n" + STOP_LINE
+
+
+@windows_cannot("the system has no limit of that kind there")
+@pytest.mark.parametrize("framing", ["length", "chunk", "end"])
+def test_memory_that_runs_out_in_a_body_is_told(keltop, framing):
+    if sanitized(keltop):
+        pytest.skip("a sanitizer needs more room than the limit leaves")
+    size = 300 * 1024 * 1024
+    piece = bytes(range(256)) * 4096
+
+    def serve(peer, connection):
+        peer.request = read_request(connection)
+        with contextlib.suppress(ConnectionError):  # the rest is not wanted
+            connection.sendall(framed(framing, b"", size))
+            for _ in range(size // len(piece)):
+                connection.sendall(piece)
+
+    with Peer(serve) as peer:
+        command = ["sh", "-c", 'ulimit -v 400000; exec "$@"', "sh", *keltop.command]
+        done = subprocess.run([*command, "-rsi", "json", "-url", f"http://127.0.0.1:{peer.port}/"], env=keltop.env,
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE, stdin=subprocess.DEVNULL, check=True,
+                              timeout=3 * LONG)
+    console = without_trace(done.stdout)
+    came, end = console.split(b"\r\nReceived response\n", 1)[1].split(b"\r\n\r\n", 1)[1].rsplit(b"\r\n", 1)
+    assert end == b"Post(1261) Read error: Out of memory\n"
+    assert len(piece) < len(came) < size
+    assert came == (piece * (len(came) // len(piece) + 1))[:len(came)]

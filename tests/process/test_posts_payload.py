@@ -6,9 +6,11 @@ import pathlib
 import re
 import shlex
 import xml.etree.ElementTree
+import zoneinfo
 
 import pytest
 
+from conftest import windows_cannot
 from peers import Peer, answering, exchange_of
 
 PROLOG = b'<?xml version="1.0" encoding="ISO-8859-1"?>\r\n'
@@ -106,6 +108,21 @@ def test_the_date_and_time_are_local_and_of_one_instant(keltop):
     after = datetime.datetime.now(zone)
     told = datetime.datetime.strptime(values["/room_status/room/@date"] + values["/room_status/room/@time"],
                                       "%Y%m%d%H:%M:%S").replace(tzinfo=zone)
+    assert before <= told <= after
+
+
+# Zones with a summer time of half an hour, of two hours, of less than nothing; whose standard time is the summer's; with
+# odd differences.
+@windows_cannot("zones have other names there")
+@pytest.mark.parametrize("name", ["Europe/Dublin", "Australia/Lord_Howe", "Africa/Casablanca", "Antarctica/Troll",
+                                  "Asia/Kathmandu", "America/St_Johns", "Pacific/Chatham"])
+def test_the_date_and_time_are_those_of_the_zone(keltop, name):
+    zone = zoneinfo.ZoneInfo(name)
+    before = datetime.datetime.now(zone).replace(microsecond=0, tzinfo=None)
+    values = document(payload(keltop, "-isi", "xml", env={**keltop.env, "TZ": name}))
+    after = datetime.datetime.now(zone).replace(tzinfo=None)
+    told = datetime.datetime.strptime(values["/inventory/room/@date"] + values["/inventory/room/@time"],
+                                      "%Y%m%d%H:%M:%S")
     assert before <= told <= after
 
 

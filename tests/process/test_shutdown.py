@@ -20,6 +20,7 @@ pytestmark = windows_cannot("a Wine process gets no signals, and its shutdown ev
 
 BOUND = 5.0 * SLOWNESS  # seconds that an end may take on a busy machine; it is meant to take less than one
 OBSERVED = 0.3  # seconds for which something is watched not to happen
+SILENT_PEERS = 64
 OBJECT, TIMEOUT = 0, 258
 RAW, HTTP = ["-raw"], []
 MODES = pytest.mark.parametrize("mode", [HTTP, RAW], ids=["http", "raw"])
@@ -55,8 +56,8 @@ def nothing(_http, _raw):
 @contextlib.contextmanager
 def silent_raw_peers(_, raw):
     running, port = raw
-    with peers(port, 64):
-        eventually(lambda: running.output.count(b"\r\nConnect from ") == WORKERS, what="every worker busy")
+    with peers(port, SILENT_PEERS):
+        eventually(lambda: running.output.count(b"\r\nConnect from ") == SILENT_PEERS, what="every peer served")
         yield
 
 

@@ -249,6 +249,18 @@ TEST_F(LogFileTest, aCopyThatCouldNotBeMadeIsTriedAgainAfterASecond) {
   EXPECT_TRUE(live() == opened());
 }
 
+TEST_F(LogFileTest, aFileDeletedWhileOpenIsNotBroughtBackByADayChange) {
+  if (onWindows()) {
+    GTEST_SKIP() << "a file that is open cannot be deleted there";
+  }
+  file_.write("one\r\n");
+  fs::remove(trace(kLive));
+  FakeClock::set(at(1, 16));
+  file_.changeDay();
+  EXPECT_TRUE(filesIn(traces()).empty());
+  EXPECT_TRUE(filesIn(archive()).empty());
+}
+
 /// The two ways in which a file is copied and emptied.
 class LogFileMoved : public LogFileTest, public testing::WithParamInterface<void (LogFile::*)()> {};
 

@@ -63,6 +63,12 @@ bool isRegular(int file) noexcept {
   return ::fstat(file, &status) == 0 && S_ISREG(status.st_mode);
 }
 
+/// While it is open.
+bool isDeleted(int file) noexcept {
+  struct stat status = {};
+  return ::fstat(file, &status) != 0 || status.st_nlink == 0;
+}
+
 /// From the beginning; the source's own position stays where it is.
 bool copyContent(int from, int to) noexcept {
   constexpr std::size_t kPiece = std::size_t{1} << 30U;
@@ -108,9 +114,8 @@ FileHandle openSharedAppend(const std::string& path) noexcept {
 
 bool appendToFile(FileHandle file, std::string_view text) noexcept {
   const AppendGate gate(file);
-  struct stat status = {};
-  if (::fstat(file, &status) != 0 || status.st_nlink == 0) {
-    return false;  // deleted while open: what is written now nobody would ever read
+  if (isDeleted(file)) {
+    return false;  // what is written now nobody would ever read
   }
   const ssize_t written = ::write(file, text.data(), text.size());
   if (written == static_cast<ssize_t>(text.size())) {
@@ -152,7 +157,7 @@ bool copyFile(const std::string& from, const std::string& to) noexcept {
 }
 
 bool copyOpenFile(FileHandle file, const std::string& /*path*/, const std::string& to) noexcept {
-  if (!isRegular(file)) {
+  if (!isRegular(file) || isDeleted(file)) {
     return false;
   }
   const FileDescriptor target(::open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, kFileMode));

@@ -63,14 +63,26 @@ LPTHREAD_START_ROUTINE controlRoutine() {
 /// Milliseconds that the console system grants a program whose console is closed.
 constexpr DWORD kClosePatience = 5000;
 
+/// What the control routine gives when it has run to its end.
+constexpr DWORD kRoutineDone = 1;
+
+/// Once its routine has returned, or not in time, the console system ends the program. A routine that ended with its
+/// program has left nothing to do.
+void closeWhen(HANDLE program, HANDLE routine) {
+  DWORD result = STILL_ACTIVE;
+  ::WaitForSingleObject(routine, kClosePatience);
+  ::GetExitCodeThread(routine, &result);
+  if (result == kRoutineDone || result == STILL_ACTIVE) {
+    ::TerminateProcess(program, static_cast<UINT>(STATUS_CONTROL_C_EXIT));
+  }
+}
+
 void tellEvents(HANDLE program, LPTHREAD_START_ROUTINE routine) {
   std::uintptr_t type = 0;
   while (std::cin >> type) {
     const Handle told(::CreateRemoteThread(program, nullptr, 0, routine, reinterpret_cast<void*>(type), 0, nullptr));
     if (type == CTRL_CLOSE_EVENT) {
-      // Once its routine has returned, or not in time, the console system ends the program.
-      ::WaitForSingleObject(told.get(), kClosePatience);
-      ::TerminateProcess(program, static_cast<UINT>(STATUS_CONTROL_C_EXIT));
+      closeWhen(program, told.get());
     }
   }
 }
