@@ -65,17 +65,19 @@ void ListeningSocket::listenOn(std::uint16_t port, int backlog, const SocketTime
 
 ListeningSocket::~ListeningSocket() {
   stop();
-  if (doorkeeper_.joinable()) {
-    doorkeeper_.join();
-  }
 }
 
-void ListeningSocket::stop() noexcept {
-  const std::lock_guard<std::mutex> guard(guard_);
-  stopped_ = true;
-  crowdComes_.notify_one();
-  if (initialized()) {
-    platform::stopListening(static_cast<platform::SocketNumber>(sockfd()));
+void ListeningSocket::stop() {
+  {
+    const std::lock_guard<std::mutex> guard(guard_);
+    stopped_ = true;
+    crowdComes_.notify_one();
+    if (initialized()) {
+      platform::stopListening(static_cast<platform::SocketNumber>(sockfd()));
+    }
+  }
+  if (doorkeeper_.joinable()) {
+    doorkeeper_.join();
   }
 }
 
