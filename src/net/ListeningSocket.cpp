@@ -41,7 +41,7 @@ constexpr std::size_t kMostHanded = 32;
 }  // namespace
 
 AutoPtr<AcceptedSocket> makePlainSocket(const NewConnection& connection) {
-  return AutoPtr<AcceptedSocket>(new AcceptedSocket(connection));
+  return {new AcceptedSocket(connection)};
 }
 
 ListeningSocket::ListeningSocket(std::shared_ptr<ConnectionGroup> group, MakeAcceptedSocket make, std::size_t workers)
@@ -186,7 +186,7 @@ Poco::Net::SocketImpl* ListeningSocket::acceptConnection(Poco::Net::SocketAddres
   }
   peer = accepted->peerAddress();
   ++handed_;
-  return accepted.duplicate();
+  return accepted.duplicate();  // NOLINT(clang-analyzer-cplusplus.NewDelete): it does not see the count of owners
 }
 
 void ListeningSocket::workerBegins() {

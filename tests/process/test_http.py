@@ -359,6 +359,7 @@ def test_what_came_of_a_body_before_a_reset_is_shown(server, length):
         assert re.sub(DATE, b"DATE", server.console) == shown
 
 
+@windows_cannot("a signal is no Ctrl-C under Wine")
 @pytest.mark.parametrize("length", CUT_SHORT)
 def test_ctrl_c_shows_what_has_come_of_a_body(server, length):
     with contextlib.ExitStack() as stack:
@@ -782,7 +783,8 @@ def test_a_thousand_clients_stopped_in_their_requests_keep_nobody_out(keltop, be
         assert server.running.interrupt() == 0
         print(f"ended in {time.monotonic() - before:.2f} s")
         assert time.monotonic() - before < (1 if keltop.plain else 5) * SLOWNESS
-    assert server.console.count(b"\nxxxxx\n") == (count if b"Content-Length" in begin else 0)
+    if not keltop.windows:  # a signal is no Ctrl-C under Wine
+        assert server.console.count(b"\nxxxxx\n") == (count if b"Content-Length" in begin else 0)
 
 
 def test_eight_clients_stopped_together_are_handled_together(server):
