@@ -325,12 +325,20 @@ def for_everybody(command, folder):
     return [*before, copy]
 
 
+def is_instrumented(program):
+    """Whether a sanitizer is built in, which takes its own memory and time."""
+    with open(program, "rb") as file:
+        content = file.read()
+    return b"__tsan_init" in content or b"__asan_init" in content
+
+
 class Keltop:
     """Starts the program with a folder for the machine-wide objects and one for traces of its own."""
 
     def __init__(self, command, folder):
         self.command = shlex.split(command)
         self.windows = self.command[-1].endswith(".exe")
+        self.plain = not self.windows and not is_instrumented(self.command[-1])
         self.folder = folder
         self.objects = os.path.join(folder, "objects")
         self.data = os.path.join(folder, "data")
