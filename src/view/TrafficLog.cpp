@@ -39,7 +39,8 @@ TrafficLog::TrafficLog(const Limits& limits, Clock clock)
     : limits_(limits),
       clock_(std::move(clock)),
       ring_(std::make_unique_for_overwrite<char[]>(limits.bytes)),
-      pieces_(std::make_unique_for_overwrite<Kept[]>(limits.pieces)) {}
+      pieces_(std::make_unique_for_overwrite<Kept[]>(limits.pieces)),
+      allowance_(limits.burst) {}
 
 Microseconds TrafficLog::systemTime() {
   return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch())
@@ -160,7 +161,7 @@ std::vector<Piece> TrafficLog::piecesAfter(std::uint64_t id, std::uint64_t numbe
   if (of == nullptr) {
     return result;
   }
-  const bool known = number >= firstPiece_ && number < nextPiece_ && kept(number).connection == id;
+  const bool known = number >= std::max(firstPiece_, of->since) && number < nextPiece_ && kept(number).connection == id;
   std::uint64_t next = known ? kept(number).next : of->first;
   if (!known && number != 0 && number >= next) {
     return result;  // nothing that is kept is newer
@@ -191,7 +192,7 @@ std::optional<std::uint64_t> TrafficLog::pieceAt(const Entry& of, const Place& p
   if (place.piece == 0) {
     return of.first;
   }
-  if (place.piece >= firstPiece_) {
+  if (place.piece >= std::max(firstPiece_, of.since)) {
     const Kept& last = kept(place.piece);
     return place.within < last.length ? place.piece : last.next;
   }
@@ -282,9 +283,10 @@ void TrafficLog::add(std::uint64_t id, Direction direction, std::string_view byt
 
 void TrafficLog::append(Entry& to, Direction direction, std::string_view bytes) {
   StreamSize& stream = direction == Direction::received ? to.facts.received : to.facts.sent;
-  if (bytes.size() > limits_.bytes) {  // one piece must fit; what is before its end is as if dropped at once
-    const std::size_t over = bytes.size() - limits_.bytes;
-    makePlace(limits_.bytes);
+  const std::size_t most = isFlood(bytes.size(), to.facts.end) ? limits_.endOfPiece : limits_.bytes;
+  if (bytes.size() > most) {
+    const std::size_t over = bytes.size() - most;
+    forget(to);
     stream.total += over;
     stream.lost = stream.total;
     counts_.droppedBytes += over;
@@ -305,6 +307,29 @@ void TrafficLog::append(Entry& to, Direction direction, std::string_view bytes) 
   to.last = number;
 }
 
+/// What is allowed grows with the time, up to what may come at once.
+bool TrafficLog::isFlood(std::size_t bytes, Microseconds time) noexcept {
+  const auto passed = static_cast<std::size_t>(std::clamp<Microseconds>(time - allowedAt_, 0, 1'000'000));
+  allowedAt_ = time;
+  allowance_ = std::min(limits_.burst, allowance_ + passed * limits_.bytesInMicrosecond);
+  if (bytes > allowance_) {
+    return true;
+  }
+  allowance_ -= bytes;
+  return false;
+}
+
+/// Drops all that is kept of a connection's streams. Their place is free when it is the oldest.
+void TrafficLog::forget(Entry& entry) noexcept {
+  for (StreamSize* stream : {&entry.facts.received, &entry.facts.sent}) {
+    counts_.droppedBytes += stream->total - stream->lost;
+    stream->lost = stream->total;
+  }
+  entry.first = 0;
+  entry.last = 0;
+  entry.since = nextPiece_;
+}
+
 void TrafficLog::makePlace(std::size_t bytes) noexcept {
   while (nextPiece_ != firstPiece_ &&
          (nextPiece_ - firstPiece_ >= limits_.pieces || nextPosition_ - firstPosition_ + bytes > limits_.bytes)) {
@@ -314,7 +339,7 @@ void TrafficLog::makePlace(std::size_t bytes) noexcept {
 
 void TrafficLog::dropOldestPiece() noexcept {
   const Kept& oldest = kept(firstPiece_);
-  if (Entry* const of = entry(oldest.connection); of != nullptr) {
+  if (Entry* const of = entry(oldest.connection); of != nullptr && firstPiece_ >= of->since) {
     (oldest.direction == Direction::received ? of->facts.received : of->facts.sent).lost += oldest.length;
     of->first = oldest.next;
     if (of->first == 0) {

@@ -81,6 +81,11 @@ class TrafficLog : public net::TrafficWatcher {
     std::size_t bytes = std::size_t{40} << 20U;
     std::size_t pieces = std::size_t{128} << 10U;
     std::size_t connections = 10'000;
+
+    /// More than that at once, or for long, is a flood: of its pieces the ends are kept, and copying costs little.
+    std::size_t burst = std::size_t{32} << 20U;
+    std::size_t bytesInMicrosecond = 256;
+    std::size_t endOfPiece = 4096;
   };
   using Clock = std::function<Microseconds()>;
 
@@ -147,6 +152,7 @@ class TrafficLog : public net::TrafficWatcher {
     Connection facts;
     std::uint64_t first = 0;  ///< its first piece that is kept, 0 for none
     std::uint64_t last = 0;
+    std::uint64_t since = 1;  ///< pieces before that one are its own no more
   };
   using Entries = std::list<Entry>;
 
@@ -155,6 +161,8 @@ class TrafficLog : public net::TrafficWatcher {
   [[nodiscard]] Kept& kept(std::uint64_t number) const noexcept { return pieces_[number % limits_.pieces]; }
   void add(std::uint64_t id, Direction direction, std::string_view bytes) noexcept;
   void append(Entry& to, Direction direction, std::string_view bytes);
+  [[nodiscard]] bool isFlood(std::size_t bytes, Microseconds time) noexcept;
+  void forget(Entry& entry) noexcept;
   void makePlace(std::size_t bytes) noexcept;
   void dropOldestPiece() noexcept;
   void dropConnection() noexcept;
@@ -175,6 +183,8 @@ class TrafficLog : public net::TrafficWatcher {
   std::deque<std::uint64_t> endedFirst_;
   std::unique_ptr<char[]> ring_;
   std::unique_ptr<Kept[]> pieces_;
+  std::size_t allowance_;  ///< bytes that may come now without being a flood
+  Microseconds allowedAt_ = 0;
   std::uint64_t firstPosition_ = 0;
   std::uint64_t nextPosition_ = 0;
   std::uint64_t firstPiece_ = 1;

@@ -136,6 +136,53 @@ TEST(TrafficLog, keepsTheEndOfAPieceThatIsLargerThanItsMemory) {
   EXPECT_EQ(small.log.counts().droppedBytes, 10U);
 }
 
+/// Ten bytes at once, one more in each microsecond; three of a piece that is beyond.
+constexpr TrafficLog::Limits kSoonFlooded{1000, 100, 10, 10, 1, 3};
+
+TEST(TrafficLog, keepsTheEndsOfAFloodsPieces) {
+  SmallLog small(kSoonFlooded);
+  const auto id = small.log.opened(kPeer, kOwn);
+  small.log.received(id, "01234567");
+  EXPECT_EQ(small.log.bytes(id, Direction::received, kAll), "01234567");
+  small.log.received(id, "abcdefgh");
+  EXPECT_EQ(small.log.bytes(id, Direction::received, kAll), "fgh");
+  EXPECT_EQ(small.log.find(id)->received.total, 16U);
+  EXPECT_EQ(small.log.find(id)->received.lost, 13U);
+  EXPECT_EQ(small.log.counts().droppedBytes, 13U);
+  small.log.received(id, "xy");
+  EXPECT_EQ(small.log.bytes(id, Direction::received, kAll), "fghxy");
+  small.now += 8;
+  small.log.received(id, "ABCDEFGH");
+  EXPECT_EQ(small.log.bytes(id, Direction::received, kAll), "fghxyABCDEFGH");
+}
+
+TEST(TrafficLog, tellsReadersOfAFloodWhatTheyMissed) {
+  SmallLog small(kSoonFlooded);
+  const auto id = small.log.opened(kPeer, kOwn);
+  small.log.received(id, "01234567");
+  TrafficLog::Place place;
+  EXPECT_EQ(small.log.next(id, Direction::received, place, 4), "0123");
+  const auto before = small.log.piecesAfter(id, 0, kAll, kAll);
+  small.log.received(id, "abcdefgh");
+  EXPECT_EQ(small.log.next(id, Direction::received, place, 4), std::nullopt);
+  const auto pieces = small.log.piecesAfter(id, before.back().number, kAll, kAll);
+  ASSERT_EQ(pieces.size(), 1U);
+  EXPECT_EQ(pieces[0].bytes, "fgh");
+  EXPECT_EQ(pieces[0].offset, 13U);
+}
+
+TEST(TrafficLog, countsWhatAFloodLeftOnceWhenItsPlaceIsTaken) {
+  SmallLog small({16, 100, 10, 10, 1, 3});
+  const auto id = small.log.opened(kPeer, kOwn);
+  small.log.received(id, "01234567");
+  small.log.received(id, "abcdefgh");  // keeps "fgh", and the first piece is nobody's
+  small.now += 100;
+  small.log.received(id, "ABCDEFGH");  // takes that piece's place
+  EXPECT_EQ(small.log.bytes(id, Direction::received, kAll), "fghABCDEFGH");
+  EXPECT_EQ(small.log.find(id)->received.lost, 13U);
+  EXPECT_EQ(small.log.counts().droppedBytes, 13U);
+}
+
 TEST(TrafficLog, dropsTheConnectionThatEndedFirst) {
   SmallLog small;
   const auto open = small.log.opened(kPeer, kOwn);
