@@ -14,7 +14,10 @@ namespace keltop {
 /// A client behind TLS that believes every certificate. What it has encrypted can be sent in pieces.
 class SecureClient {
  public:
-  SecureClient() : session_(SSL_new(context_.get())) {
+  /// Of that version, or of any.
+  explicit SecureClient(int version = 0) : session_(SSL_new(context_.get())) {
+    (void)SSL_set_min_proto_version(session_.get(), version);
+    (void)SSL_set_max_proto_version(session_.get(), version);
     received_ = BIO_new(BIO_s_mem());
     toSend_ = BIO_new(BIO_s_mem());
     SSL_set_bio(session_.get(), received_, toSend_);
@@ -43,6 +46,19 @@ class SecureClient {
   /// The record of that text.
   std::string encrypt(std::string_view text) {
     (void)SSL_write(session_.get(), text.data(), static_cast<int>(text.size()));
+    return takeEncrypted();
+  }
+
+  /// The record that tells of new keys, which only TLS 1.3 has; else nothing.
+  std::string changeKeys() {
+    (void)SSL_key_update(session_.get(), SSL_KEY_UPDATE_REQUESTED);
+    (void)SSL_do_handshake(session_.get());
+    return takeEncrypted();
+  }
+
+  /// TLS's farewell, after which nothing more can be encrypted.
+  std::string sayFarewell() {
+    (void)SSL_shutdown(session_.get());
     return takeEncrypted();
   }
 
