@@ -38,6 +38,11 @@ KELTOP_TEST_PACKAGES=(
   "util-linux:runs tests as another account and in namespaces of their own"
   "iproute2:takes the way to a peer away in tests"
   "man-db:reads the manual in tests"
+  "chromium:the browser in tests of the live page"
+  "chromium-driver:drives that browser"
+  "python3-selenium:drives that browser"
+  "node-har-schema:the published schema of the archive that the page gives"
+  "python3-jsonschema:checks the archive against it"
 )
 
 # What the checks of the source need besides.

@@ -51,6 +51,8 @@ PROCESS_PROGRAMS = {  # what the files of tests/process need besides keltop
     "test_shutdown.py": ["keltop_object_agent"],
     "test_traces.py": ["keltop_trace_agent", "keltop_trace_order"],
     "test_posts_xml.py": ["keltop_xml_tree"],
+    "test_hostile.py": ["keltop_view_agent"],
+    "test_page.py": ["keltop_view_agent"],
 }
 
 CRASH = " (crash)"
@@ -121,7 +123,7 @@ def known_tests():
         units.update(f"{suite}.{name}" for suite, name in
                      re.findall(r"\bTEST(?:_F|_P)?\((\w+), (\w+)\)", source.read_text(encoding="utf-8")))
     processes = set()
-    for source in (ROOT / "tests" / "process").glob("test_*.py"):
+    for source in (*(ROOT / "tests" / "process").glob("test_*.py"), *(ROOT / "tests" / "browser").glob("test_*.py")):
         processes.update(f"{source.name}::{name}" for name in
                          re.findall(r"^def (test_\w+)\(", source.read_text(encoding="utf-8"), re.MULTILINE))
     return units, processes
@@ -210,10 +212,12 @@ class Tree:
         return NOTICED, failed[1] if failed else f"{running[-1] if running else '*'}{CRASH}"
 
     def test_process(self, tests, limit=TEST_LIMIT):
-        folder = self.copy / "tests" / "process"
+        browser = self.copy / "tests" / "browser"
+        folder = browser if (browser / tests[0].split("::")[0]).exists() else self.copy / "tests" / "process"
+        agents = [f"--view-agent={self.build}/keltop_view_agent"] if folder == browser else []
         command = ["/usr/bin/python3", "-m", "pytest", "-q", "-x", "-p", "no:cacheprovider", "--no-header", "--tb=short",
                    f"--keltop={self.build}/keltop", f"--agent={self.build}/keltop_object_agent",
-                   f"--trace-agent={self.build}/keltop_trace_agent", *(str(folder / test.removesuffix("::*")) for test in tests)]
+                   f"--trace-agent={self.build}/keltop_trace_agent", *agents, *(str(folder / test.removesuffix("::*")) for test in tests)]
         done = self._run(command, limit, cwd=self.copy)
         if done is None:
             return HUNG, "no end"

@@ -5,6 +5,7 @@
 
 import contextlib
 import fcntl
+import glob
 import io
 import os
 import pathlib
@@ -171,6 +172,15 @@ def eventually(condition, timeout=LONG, what="condition"):
         if time.monotonic() > deadline:
             raise AssertionError(f"{what} did not come true within {timeout} s")
         time.sleep(0.002)
+
+
+def all_stopped(started):
+    """Whether a stop has reached every thread of the process."""
+    states = set()
+    for path in glob.glob(f"/proc/{started.process.pid}/task/*/stat"):
+        with open(path, encoding="ascii") as file:
+            states.add(file.read().rsplit(")", 1)[1].split()[0])
+    return states == {"T"}
 
 
 def unread_bytes(pipe):

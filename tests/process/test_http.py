@@ -559,7 +559,6 @@ MALFORMED = {  # a request, and the answer to it
     "endless header": (b"GET /x HTTP/1.1\r\nA: " + b"v" * 3_000_000, BAD_REQUEST),
     "bad escape": (b"GET /%zz HTTP/1.1\r\n\r\n", SERVER_ERROR),
     "cut escape": (b"GET /% HTTP/1.1\r\n\r\n", SERVER_ERROR),
-    "bad escape in fragment": (b"GET /a#%zz HTTP/1.1\r\n\r\n", SERVER_ERROR),
     "no scheme": (b"GET : HTTP/1.1\r\n\r\n", SERVER_ERROR),
     "open bracket": (b"GET http://[::1 HTTP/1.1\r\n\r\n", SERVER_ERROR),
     "port not a number": (b"GET http://h:port/ HTTP/1.1\r\n\r\n", SERVER_ERROR),
@@ -577,6 +576,15 @@ MALFORMED = {  # a request, and the answer to it
 def test_a_malformed_request_gets_the_librarys_answer_and_is_not_shown(server, request_bytes, expected):
     for _ in range(3):
         assert server.ask(request_bytes, half_close=True)[0] == expected
+    server.still_serves()
+
+
+def test_a_fragment_that_cannot_be_decoded_is_refused_or_shown_as_it_came(server):
+    """A fragment is none of the server's business. The library decodes it up to version 1.11, and keeps it as it is from
+    1.13 on."""
+    answer, client, local = server.ask(b"GET /a#%zz HTTP/1.1\r\n\r\n")
+    if answer != SERVER_ERROR:
+        server.expect(transcript(client, local, date_of(answer, local), b"GET /a#%zz HTTP/1.1", path=b"/a"))
     server.still_serves()
 
 

@@ -45,7 +45,7 @@ def test_the_installed_program_runs(keltop, installed):
 
 
 # Switches of the listeners that came after the help, whose text stays as it is.
-BEYOND_THE_HELP = {"-tls"}
+BEYOND_THE_HELP = {"-tls", "-view"}
 
 
 def switches_of_the_help(keltop):

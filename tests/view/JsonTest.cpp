@@ -33,7 +33,10 @@ std::string utf8Of(std::string_view bytes) {
 }
 
 std::string parsed(const std::string& json) {
-  return Poco::JSON::Parser().parse(std::string("[").append(json).append("]")).extract<Poco::JSON::Array::Ptr>()->getElement<std::string>(0);
+  return Poco::JSON::Parser()
+      .parse(std::string("[").append(json).append("]"))
+      .extract<Poco::JSON::Array::Ptr>()
+      ->getElement<std::string>(0);
 }
 
 TEST(Json, writesValuesWithTheCommasThatBelongBetweenThem) {
