@@ -60,8 +60,8 @@ std::vector<std::string> localNames() {
 std::set<IPAddress> localAddresses() {
   std::set<IPAddress> addresses = {IPAddress("127.0.0.1")};
   try {
-    for (const auto& interface : Poco::Net::NetworkInterface::list()) {
-      addresses.insert(interface.address());
+    for (const auto& device : Poco::Net::NetworkInterface::list()) {
+      addresses.insert(device.address());
     }
   } catch (const Poco::Exception&) {
     // What the system does not tell is not in the certificate.
