@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Checks the source: format, scripts, lint, the second compiler, the Windows sources. A finding of cppcheck that is none is marked
-# in the source, with the reason; that of unused members is off, since it sees no use through an iterator.
+# Checks the source: format, scripts, the second compiler, lint, the Windows sources. A finding of cppcheck that is none is
+# marked in the source, with the reason; that of unused members is off, since it sees no use through an iterator.
 set -euo pipefail
 source "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/setup.sh"
 

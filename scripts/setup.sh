@@ -32,6 +32,7 @@ KELTOP_TEST_PACKAGES=(
   "netcat-openbsd:peer in tests"
   "nginx-light:peer in tests"
   "openssl:peer in tests"
+  "nodejs:peer in tests"
   "libxml2-utils:independent reader of the XML that the program writes"
   "procps:looks at processes in tests"
   "util-linux:runs tests as another account and in namespaces of their own"

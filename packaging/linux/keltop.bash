@@ -11,11 +11,16 @@ _keltop() {
       mapfile -t COMPREPLY < <(compgen -W 'http:// https://' -- "$current")
       return
       ;;
+    -tls | '~tls')
+      compopt -o default
+      COMPREPLY=()
+      return
+      ;;
     -p | -view | -room | -fname | -lname | -id | -code | -item | -count | -category | -description)
       return
       ;;
   esac
-  mapfile -t COMPREPLY < <(compgen -W '-h -p -raw -view -isi -rsi -url -description -room -id -fname -lname -count -code -item
-    -category' -- "$current")
+  mapfile -t COMPREPLY < <(compgen -W '-h -p -raw -tls -view -isi -rsi -url -description -room -id -fname -lname -count
+    -code -item -category' -- "$current")
 }
 complete -F _keltop keltop

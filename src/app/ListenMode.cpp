@@ -7,9 +7,12 @@
 #include <cstdint>
 #include <future>
 #include <memory>
+#include <optional>
 #include <string>
 #include <system_error>
 
+#include "app/SecureListening.h"
+#include "net/ListeningSocket.h"
 #include "net/Server.h"
 #include "platform/KernelObjects.h"
 #include "platform/Process.h"
@@ -70,6 +73,21 @@ void endTrace(int exitCode) {
   }
 }
 
+void announce(ConsoleStream& console, std::int32_t port, const std::optional<SecureListening>& secure) {
+  console << "Press Ctrl-C to stop.\n"
+          << "Listening on: " << port << "\r\n"
+          << std::endl;
+  if (secure) {
+    secure->announce(console);
+  }
+}
+
+/// What a failure of the library or of a file ends the listener with.
+int showFailure(ConsoleStream& console, const Poco::Exception& error) {
+  console << "Error: " << error.displayText() << std::endl;
+  return 1;
+}
+
 }  // namespace
 
 int listen(const SwitchMap& switches) {
@@ -89,12 +107,16 @@ int listen(const SwitchMap& switches) {
     console << "Server not running, shutting down." << std::endl;
     return 0;
   }
+  std::optional<SecureListening> secure;
+  try {
+    secure = SecureListening::fromSwitches(switches);
+  } catch (const Poco::Exception& error) {
+    return showFailure(console, error);
+  }
   if (!platform::waitForOutput(shutdown.handle())) {
     platform::stopWaitingForOutput();  // told to stop while nobody read
   }
-  console << "Press Ctrl-C to stop.\n"
-          << "Listening on: " << port << "\r\n"
-          << std::endl;
+  announce(console, port, secure);
   const bool raw = findSwitch(switches, "RAW") != nullptr;
   const std::string* viewPort = findSwitch(switches, "VIEW");
   const auto shown = viewPort == nullptr ? nullptr : std::make_unique<View>();
@@ -102,7 +124,9 @@ int listen(const SwitchMap& switches) {
   std::unique_ptr<net::Server> server;
   try {
     // The socket takes the low 16 bits of whatever number was given, on purpose.
-    server = makeServer(raw, {.port = static_cast<std::uint16_t>(port), .watcher = shown ? &shown->log : nullptr});
+    server = makeServer(raw, {.port = static_cast<std::uint16_t>(port),
+                              .watcher = shown ? &shown->log : nullptr,
+                              .make = secure ? secure->makeSocket() : net::makePlainSocket});
     if (shown) {
       shown->open({raw, server->port()}, *viewPort, console);
     }
@@ -113,8 +137,7 @@ int listen(const SwitchMap& switches) {
       throw Poco::SystemException("Cannot wait for the shutdown event");
     }
   } catch (const Poco::Exception& error) {
-    console << "Error: " << error.displayText() << std::endl;
-    exitCode = 1;
+    exitCode = showFailure(console, error);
   }
   const bool pageFinished = shown == nullptr || shown->stop();
   const bool finished = (server == nullptr || server->finish(kWorkersGrace)) && pageFinished;

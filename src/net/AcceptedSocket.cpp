@@ -38,7 +38,7 @@ AcceptedSocket::AcceptedSocket(const NewConnection& connection)
     receiveTimeout_ = connection.inherited.receive;
   }
   if (TrafficWatcher* const watcher = group_->watcher(); watcher != nullptr) {
-    watched_ = watcher->opened(peer_, address());
+    watched_ = watcher->opened(peer_, AcceptedSocket::address());
   }
 }
 
@@ -161,7 +161,7 @@ int AcceptedSocket::receiveSome(char* buffer, int length, int flags) {
 
 int AcceptedSocket::sendSome(const char* bytes, int length, int flags) {
   // The base's base: the base itself sends on and on, and the watcher would be told nothing until the end.
-  return SocketImpl::sendBytes(bytes, length, flags);
+  return SocketImpl::sendBytes(bytes, length, flags);  // NOLINT(bugprone-parent-virtual-call)
 }
 
 /// The library calls it when it has sent an answer, and closes the connection next.

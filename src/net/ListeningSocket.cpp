@@ -41,7 +41,7 @@ constexpr std::size_t kMostHanded = 32;
 }  // namespace
 
 AutoPtr<AcceptedSocket> makePlainSocket(const NewConnection& connection) {
-  return AutoPtr<AcceptedSocket>(new AcceptedSocket(connection));
+  return {new AcceptedSocket(connection)};
 }
 
 ListeningSocket::ListeningSocket(std::shared_ptr<ConnectionGroup> group, MakeAcceptedSocket make, std::size_t workers)
@@ -65,17 +65,19 @@ void ListeningSocket::listenOn(std::uint16_t port, int backlog, const SocketTime
 
 ListeningSocket::~ListeningSocket() {
   stop();
-  if (doorkeeper_.joinable()) {
-    doorkeeper_.join();
-  }
 }
 
-void ListeningSocket::stop() noexcept {
-  const std::lock_guard<std::mutex> guard(guard_);
-  stopped_ = true;
-  crowdComes_.notify_one();
-  if (initialized()) {
-    platform::stopListening(static_cast<platform::SocketNumber>(sockfd()));
+void ListeningSocket::stop() {
+  {
+    const std::lock_guard<std::mutex> guard(guard_);
+    stopped_ = true;
+    crowdComes_.notify_one();
+    if (initialized()) {
+      platform::stopListening(static_cast<platform::SocketNumber>(sockfd()));
+    }
+  }
+  if (doorkeeper_.joinable()) {
+    doorkeeper_.join();
   }
 }
 
@@ -184,7 +186,7 @@ Poco::Net::SocketImpl* ListeningSocket::acceptConnection(Poco::Net::SocketAddres
   }
   peer = accepted->peerAddress();
   ++handed_;
-  return accepted.duplicate();
+  return accepted.duplicate();  // NOLINT(clang-analyzer-cplusplus.NewDelete): it does not see the count of owners
 }
 
 void ListeningSocket::workerBegins() {

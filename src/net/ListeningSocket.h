@@ -43,8 +43,8 @@ class ListeningSocket : public Poco::Net::ServerSocketImpl {
   /// and what else fails are the library's exceptions.
   void listenOn(std::uint16_t port, int backlog, const SocketTimeouts& timeouts);
 
-  /// Nobody is accepted any more, and who waits here is woken. From any thread.
-  void stop() noexcept;
+  /// Nobody is accepted any more, and who waits here is woken. By the server's owner.
+  void stop();
 
   // For the library's acceptor thread.
 

@@ -40,6 +40,7 @@ FOLDERS = ("cmake", "docs", "packaging", "src", "tests")  # what the copy has; a
 
 UNIT_PROGRAMS = {  # the suites that are not in keltop_tests
     "RefusedAccess": "keltop_refused_access_tests",
+    "RefusedObjectCall": "keltop_refused_call_tests",
     "SocketOptions": "keltop_push_tests",
     "ZPushServiceWithoutContext": "keltop_push_tests",
     "ZPushServices": "keltop_push_tests",

@@ -24,6 +24,7 @@ TEST(RequestPath, keepsWhatMayNotStandInAPathEncodedAsItWas) {
   EXPECT_EQ(pathOf("http://h/a%20b%3f%3F%23%25%0d%0A%e4%00"), "/a%20b%3f%3F%23%25%0d%0A%e4%00/");
   EXPECT_EQ(pathOf("http://h%20/%2520?%20"), "/%2520/");
   EXPECT_EQ(pathOf("%20"), "%20/");
+  EXPECT_EQ(pathOf("http://h/%e4#c"), "/%e4/");
 }
 
 TEST(RequestPath, encodesWhatWasTypedPlain) {

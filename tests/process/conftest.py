@@ -5,6 +5,7 @@
 
 import contextlib
 import fcntl
+import glob
 import io
 import os
 import pathlib
@@ -173,6 +174,15 @@ def eventually(condition, timeout=LONG, what="condition"):
         time.sleep(0.002)
 
 
+def all_stopped(started):
+    """Whether a stop has reached every thread of the process."""
+    states = set()
+    for path in glob.glob(f"/proc/{started.process.pid}/task/*/stat"):
+        with open(path, encoding="ascii") as file:
+            states.add(file.read().rsplit(")", 1)[1].split()[0])
+    return states == {"T"}
+
+
 def unread_bytes(pipe):
     """How many bytes wait in a pipe."""
     return struct.unpack("i", fcntl.ioctl(pipe, termios.FIONREAD, bytes(4)))[0]
@@ -315,12 +325,20 @@ def for_everybody(command, folder):
     return [*before, copy]
 
 
+def is_instrumented(program):
+    """Whether a sanitizer is built in, which takes its own memory and time."""
+    with open(program, "rb") as file:
+        content = file.read()
+    return b"__tsan_init" in content or b"__asan_init" in content
+
+
 class Keltop:
     """Starts the program with a folder for the machine-wide objects and one for traces of its own."""
 
     def __init__(self, command, folder):
         self.command = shlex.split(command)
         self.windows = self.command[-1].endswith(".exe")
+        self.plain = not self.windows and not is_instrumented(self.command[-1])
         self.folder = folder
         self.objects = os.path.join(folder, "objects")
         self.data = os.path.join(folder, "data")

@@ -11,8 +11,8 @@ import subprocess
 
 import pytest
 
-from conftest import (AS_NOBODY, HEAD, LONG, STOP_LINE, as_root, eventually, for_everybody, free_port, is_listening,
-                      listening_on, port_in_use, windows_cannot, without_trace)
+from conftest import (AS_NOBODY, HEAD, LONG, STOP_LINE, all_stopped, as_root, eventually, for_everybody, free_port,
+                      is_listening, listening_on, port_in_use, windows_cannot, without_trace)
 
 HELP = b"""\
 \r
@@ -385,15 +385,6 @@ def test_sixty_four_connections_wait_to_be_accepted(keltop, mode):
         eventually(lambda: waiting() >= 64 + 1, what="as many as may wait")
         assert waiting() == 64 + 1
         running.send_signal(signal.SIGCONT)
-
-
-def all_stopped(running):
-    """Whether the stop has reached every thread."""
-    states = set()
-    for path in glob.glob(f"/proc/{running.process.pid}/task/*/stat"):
-        with open(path, encoding="ascii") as file:
-            states.add(file.read().rsplit(")", 1)[1].split()[0])
-    return states == {"T"}
 
 
 def peer_is_missing(peer):

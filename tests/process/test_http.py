@@ -359,6 +359,7 @@ def test_what_came_of_a_body_before_a_reset_is_shown(server, length):
         assert re.sub(DATE, b"DATE", server.console) == shown
 
 
+@windows_cannot("a signal is no Ctrl-C under Wine")
 @pytest.mark.parametrize("length", CUT_SHORT)
 def test_ctrl_c_shows_what_has_come_of_a_body(server, length):
     with contextlib.ExitStack() as stack:
@@ -482,7 +483,7 @@ def test_ctrl_c_does_not_wait_for_who_still_sends(server):
         date_of(read_to_end(client), b"127.0.0.1:%d" % server.port)
         begin = time.monotonic()
         assert server.running.interrupt() == 0
-        assert time.monotonic() - begin < 1 * SLOWNESS
+        assert time.monotonic() - begin < PROMPT
 
 
 def test_the_request_is_shown_before_its_body_has_come(server):
@@ -559,7 +560,6 @@ MALFORMED = {  # a request, and the answer to it
     "endless header": (b"GET /x HTTP/1.1\r\nA: " + b"v" * 3_000_000, BAD_REQUEST),
     "bad escape": (b"GET /%zz HTTP/1.1\r\n\r\n", SERVER_ERROR),
     "cut escape": (b"GET /% HTTP/1.1\r\n\r\n", SERVER_ERROR),
-    "bad escape in fragment": (b"GET /a#%zz HTTP/1.1\r\n\r\n", SERVER_ERROR),
     "no scheme": (b"GET : HTTP/1.1\r\n\r\n", SERVER_ERROR),
     "open bracket": (b"GET http://[::1 HTTP/1.1\r\n\r\n", SERVER_ERROR),
     "port not a number": (b"GET http://h:port/ HTTP/1.1\r\n\r\n", SERVER_ERROR),
@@ -577,6 +577,15 @@ MALFORMED = {  # a request, and the answer to it
 def test_a_malformed_request_gets_the_librarys_answer_and_is_not_shown(server, request_bytes, expected):
     for _ in range(3):
         assert server.ask(request_bytes, half_close=True)[0] == expected
+    server.still_serves()
+
+
+def test_a_fragment_that_cannot_be_decoded_is_refused_or_shown_as_it_came(server):
+    """A fragment is none of the server's business. The library decodes it up to version 1.11, and keeps it as it is from
+    1.13 on."""
+    answer, client, local = server.ask(b"GET /a#%zz HTTP/1.1\r\n\r\n")
+    if answer != SERVER_ERROR:
+        server.expect(transcript(client, local, date_of(answer, local), b"GET /a#%zz HTTP/1.1", path=b"/a"))
     server.still_serves()
 
 
@@ -753,7 +762,7 @@ def test_eight_clients_at_once_are_all_answered(server):
 @pytest.mark.parametrize("begin", [b"GET /x HTTP/1.1\r\nA:", post(b"x" * 9)[:-4]], ids=["in headers", "in body"])
 def test_a_thousand_clients_stopped_in_their_requests_keep_nobody_out(keltop, begin):
     raise_descriptor_limit()
-    count = 200 if keltop.windows else 1000
+    count = 1000 if keltop.plain else 200
     server = Server(*keltop.listen())
     with contextlib.ExitStack() as stack:
         for _ in range(count):
@@ -767,14 +776,15 @@ def test_a_thousand_clients_stopped_in_their_requests_keep_nobody_out(keltop, be
               f"greatest {1000 * max(delays):.1f} ms")
         if b"Content-Length" in begin:
             eventually(lambda: server.console.count(b"Content-Length: 9\n") == count, what="every request")
-        if not keltop.windows:
+        if keltop.plain:
             print(f"{server.running.resident_kib} KiB resident")
             assert server.running.resident_kib <= 48 * 1024
         before = time.monotonic()
         assert server.running.interrupt() == 0
         print(f"ended in {time.monotonic() - before:.2f} s")
-        assert time.monotonic() - before < 1 * SLOWNESS
-    assert server.console.count(b"\nxxxxx\n") == (count if b"Content-Length" in begin else 0)
+        assert time.monotonic() - before < (1 if keltop.plain else 5) * SLOWNESS
+    if not keltop.windows:  # a signal is no Ctrl-C under Wine
+        assert server.console.count(b"\nxxxxx\n") == (count if b"Content-Length" in begin else 0)
 
 
 def test_eight_clients_stopped_together_are_handled_together(server):

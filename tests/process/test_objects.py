@@ -16,7 +16,7 @@ import time
 
 import pytest
 
-from conftest import AS_NOBODY, LONG, as_root, eventually, for_everybody
+from conftest import AS_NOBODY, LONG, all_stopped, as_root, eventually, for_everybody
 
 OBJECT, ABANDONED, TIMEOUT, FAILED = 0, 128, 258, 0xFFFFFFFF
 NONE, NOT_FOUND, DENIED, BAD_HANDLE, BAD_DATA, BUSY, EXISTS = 0, 2, 5, 6, 13, 170, 183
@@ -732,6 +732,25 @@ def test_files_removed_again_and_again_split_no_object(agents):
 
 
 @linux_files
+def test_those_who_look_for_a_name_come_one_at_a_time_and_hang_on_nobody(agents):
+    """Somebody holds back the others, as one does between its look and its creation; then for too long."""
+    one, two = agents.start(), agents.start()
+    folder = os.open(agents.folder, os.O_RDONLY)
+    try:
+        fcntl.flock(folder, fcntl.LOCK_SH)
+        one.tell("create-event", "E")
+        assert not select.select([one.process.stdout], [], [], 0.3)[0]
+        fcntl.flock(folder, fcntl.LOCK_UN)
+        assert one.answer().split()[1] == str(NONE)
+        fcntl.flock(folder, fcntl.LOCK_SH)
+        begin = time.monotonic()
+        assert two.obtain("create-event", "E")[1] == EXISTS
+        assert 1.9 < time.monotonic() - begin < 2 + LONG / 4
+    finally:
+        os.close(folder)
+
+
+@linux_files
 @as_root
 def test_an_object_without_a_file_is_for_every_account(agents):
     agents.command = for_everybody(agents.command, agents.folder)
@@ -753,6 +772,7 @@ def test_a_stopped_holder_of_an_object_without_a_file_leads_to_no_second_one(age
     handle, _ = one.obtain("create-event", "E")
     remove(the_file(agents))
     one.process.send_signal(signal.SIGSTOP)
+    eventually(lambda: all_stopped(one))
     begin = time.monotonic()
     assert two.obtain("create-event", "E") == ("0", BUSY)
     assert time.monotonic() - begin < 2 + LONG / 4

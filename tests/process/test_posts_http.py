@@ -12,7 +12,7 @@ import time
 
 import pytest
 
-from conftest import LONG, STOP_LINE, wine_cannot, without_trace
+from conftest import LONG, STOP_LINE, windows_cannot, wine_cannot, without_trace
 from peers import JSON_BODY, Peer, answering, exchange_of, masked, read_request, reset
 
 OK = b"HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nhi"
@@ -260,7 +260,7 @@ def framed(framing, body, announced):
             "end": b"HTTP/1.1 200 OK\r\n\r\n" + body}[framing]
 
 
-@windows_cannot("Wine tells a reset as an end")
+@wine_cannot("tells a reset as an end", "8.0")
 @pytest.mark.parametrize("size", [0, 5, 8191, 100000])
 @pytest.mark.parametrize("framing", ["length", "chunk", "end"])
 def test_reset_in_the_body(keltop, framing, size):

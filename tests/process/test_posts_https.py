@@ -10,7 +10,7 @@ import time
 
 import pytest
 
-from conftest import STOP_LINE, eventually, free_port, is_listening, windows_cannot, without_trace
+from conftest import STOP_LINE, eventually, free_port, is_listening, windows_cannot, wine_cannot, without_trace
 from peers import JSON_BODY, Peer, after_banner, exchange_of, masked, read_request, reset
 from test_posts_http import framed, measured_run
 
@@ -187,7 +187,7 @@ def test_the_server_is_told_its_name(keltop, certificates):
     assert set(told[:-1]) == {"localhost"} and told[-1] == b""  # a second hello tells the name again
 
 
-@windows_cannot("Wine tells a reset as an end")
+@wine_cannot("tells a reset as an end", "8.0")
 @pytest.mark.parametrize("size", [0, 5, 8191, 100000])
 @pytest.mark.parametrize("framing", ["length", "chunk", "end"])
 def test_reset_in_the_body(keltop, certificates, framing, size):

@@ -351,7 +351,7 @@ def test_several_peers_at_once_are_all_shown(raw):
 def test_a_thousand_peers_at_once_are_all_shown(keltop):
     """Each is shown while all are connected, from beginning to end in its order, and costs little."""
     raise_descriptor_limit()
-    count = 200 if keltop.windows else 1000
+    count = 1000 if keltop.plain else 200
     few_descriptors = {} if keltop.windows else {"preexec_fn": lambda: soft_descriptor_limit(256)}
     with contextlib.closing(Listener(keltop, **few_descriptors)) as raw:
         begin = time.monotonic()
@@ -368,24 +368,25 @@ def test_a_thousand_peers_at_once_are_all_shown(keltop):
             assert shown.count(connected(peer)) == 1
             first, second = shown.find(b"<first %d>\n" % number), shown.find(b"<second %d>\n" % number)
             assert -1 < shown.find(connected(peer)) < first < second
-        if not keltop.windows:
+        if keltop.plain:
             print(f"{raw.running.resident_kib} KiB resident")
             assert raw.running.resident_kib <= 48 * 1024
         begin = time.monotonic()
         assert b"Disconnect" not in raw.end()
         print(f"ended in {time.monotonic() - begin:.2f} s")
-        assert time.monotonic() - begin < 1 * SLOWNESS
+        assert time.monotonic() - begin < (1 if keltop.plain else 5) * SLOWNESS
 
 
 def test_peers_one_after_another(raw):
     expected = b""
     for number in range(100):
+        shown = len(raw.running.output)  # a port may come again
         peer = raw.connect()
         ends = disconnected(peer)
         expected += connected(peer) + b"%d" % number + ends
         peer.sendall(b"%d" % number)
         peer.close()
-        raw.running.wait_for(ends)
+        raw.running.wait_for(ends, start=shown)
     assert raw.end() == expected
 
 
@@ -435,12 +436,13 @@ def test_what_came_before_a_reset_is_shown(raw):
 def test_a_peer_that_resets_at_once_is_shown_with_its_bytes(raw, sent):
     expected = b""
     for _ in range(40):
+        before = len(raw.running.output)  # an earlier peer may have had the same port
         peer = raw.connect()
         begins, ends = connected(peer), closing(peer)
         peer.sendall(sent)
         reset(peer)
         expected += begins + sent + b"Error: Connection reset by peer\n" + ends
-        raw.running.wait_for(ends)
+        raw.running.wait_for(ends, start=before)
     assert raw.end() == expected
 
 

@@ -101,13 +101,38 @@ def test_every_script_starts_by_a_link_and_beside_a_search_path_for_cd(tree, scr
     assert (done.returncode, done.stdout, done.stderr) == (7, f"tree: {tree}\n", "")
 
 
-def test_what_must_pass_is_started_beside_a_search_path_for_cd(tree):
-    # Whatever it starts tells the folder, and fails.
-    for script in (tree / "scripts").glob("[!s]*.sh"):
-        script.write_text("#!/bin/sh\npwd\nexit 7\n", encoding="ascii")
+# What must pass before a change is taken
+
+
+def with_parts(tree, code=lambda script: 0):
+    """Has every script tell its name and folder and end with a code."""
+    for script in (tree / "scripts").glob("*.sh"):
+        if script.name != "setup.sh":
+            script.write_text(f'#!/bin/sh\necho "{script.name} in $PWD"\nexit {code(script.name)}\n', encoding="ascii")
+
+
+PARTS = ["test.sh", "test-windows.sh", "test.sh", "test.sh", "test-debian.sh"]
+BESIDE = ["build-windows.sh", "check.sh", "mutation.sh", "fuzz.sh"]
+
+
+def test_what_must_pass_passes_when_every_part_does(tree):
+    with_parts(tree)
     done = start(".ci/run", cwd=tree, env={"CDPATH": f"{tree.parent}/decoy:."})
-    assert done.returncode == 7
-    assert str(tree) in done.stdout.splitlines()
+    assert [line for line in shown_by(done).splitlines() if " in " in line and line[0] != "="] == [
+        f"{part} in {tree}" for part in PARTS + BESIDE]
+
+
+@pytest.mark.parametrize("part", sorted({*PARTS, *BESIDE}))
+def test_what_must_pass_fails_when_a_part_does(tree, part):
+    with_parts(tree, lambda script: 7 if script == part else 0)
+    done = start(".ci/run", cwd=tree)
+    assert done.returncode == 7, done.stdout
+    assert ": FAILED, 0 min 0" in done.stdout
+
+
+def test_what_must_pass_says_where_no_fresh_system_can_be_tried(tree):
+    with_parts(tree, lambda script: 77 if script == "test-debian.sh" else 0)
+    assert "NOT TRIED: the tests in a fresh system" in shown_by(start(".ci/run", cwd=tree))
 
 
 # A tree that somebody else has built

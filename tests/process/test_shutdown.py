@@ -573,9 +573,9 @@ def test_a_post_is_sent_whole_whoever_reads(keltop, post, pipeline):
         connection.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nhi")
 
     with Peer(serve) as peer:
-        shell = subprocess.run(["bash", "-c", f"{pipeline}; exit ${{PIPESTATUS[0]}}", "bash", *keltop.command, post, "json",
-                                "-url", f"http://127.0.0.1:{peer.port}/"], env=keltop.env, stdin=subprocess.DEVNULL,
-                               stdout=subprocess.PIPE, timeout=LONG)
+        command = [*keltop.command, post, "json", "-url", f"http://127.0.0.1:{peer.port}/"]
+        shell = subprocess.run(["bash", "-c", f"{pipeline}; exit ${{PIPESTATUS[0]}}", "bash", *command], env=keltop.env,
+                               stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, timeout=LONG)
     assert peer.request.endswith(b"}")
     assert shell.returncode == 0
     assert ends_its_trace(keltop)

@@ -82,6 +82,15 @@ TEST(EventSemaphore, openClosesTheEarlierHandleEvenWhenItFails) {
   }));
 }
 
+/// The handle is closed before the event is looked for: with its last handle the event has gone.
+TEST(EventSemaphore, openDoesNotFindTheEventThatOnlyItsOwnHandleKept) {
+  const std::string name = uniqueName();
+  EventSemaphore event;
+  ASSERT_TRUE(event.create(name));
+  EXPECT_FALSE(event.open(name));
+  EXPECT_EQ(event.handle(), ObjectHandle::none);
+}
+
 TEST(EventSemaphore, createClosesTheEarlierHandle) {
   const std::string name = uniqueName();
   EventSemaphore event;

@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <thread>
+
 #include "trace/FormatTrace.h"
 #include "trace/ThreadLogData.h"
 
@@ -16,7 +19,7 @@ TEST(FormatTrace, aTimeStampHasEveryFieldFilledUp) {
 }
 
 TEST(FormatTrace, aTimeStampFollowsEachFieldOfTheOneBefore) {
-  EXPECT_EQ(timeStamp({}), "0000/00/00-00:00:00:000");
+  std::thread([] { EXPECT_EQ(timeStamp({}), "0000/00/00-00:00:00:000") << "a thread's first"; }).join();
   for (std::uint16_t platform::LocalTime::*const field :
        {&platform::LocalTime::year, &platform::LocalTime::month, &platform::LocalTime::day, &platform::LocalTime::hour,
         &platform::LocalTime::minute, &platform::LocalTime::second, &platform::LocalTime::milliseconds}) {

@@ -86,7 +86,8 @@ class Observer : public WorkStack<int> {
  protected:
   void afterPush() override {
     countAfterPush = pop(0, -1);
-    freeAfterPush = keltop::ends(othersTake());
+    afterPush_ = othersTake();
+    freeAfterPush = keltop::ends(afterPush_);
   }
   void removed(int& /*record*/) override {
     if (!looked_) {
@@ -106,6 +107,7 @@ class Observer : public WorkStack<int> {
   }
 
   bool looked_ = false;
+  std::future<void> afterPush_;  // both end when the lock is free
   std::future<void> atRemoval_;
 };
 

@@ -18,6 +18,7 @@
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <numeric>
 #include <string_view>
 #include <thread>
 #include <utility>
@@ -43,11 +44,11 @@ constexpr milliseconds kRest(20);
 
 /// FNV-1a, 64 bits: addresses are too short for a path. Two places of one hash do no harm, an answer tells its own.
 std::uint64_t hashOf(std::string_view text) noexcept {
-  std::uint64_t hash = 0xCBF29CE484222325U;
-  for (const char character : text) {
-    hash = (hash ^ static_cast<unsigned char>(character)) * 0x100000001B3U;
-  }
-  return hash;
+  constexpr std::uint64_t kOffset = 0xCBF29CE484222325U;
+  constexpr std::uint64_t kPrime = 0x100000001B3U;
+  return std::accumulate(text.begin(), text.end(), kOffset, [](std::uint64_t hash, char character) {
+    return (hash ^ static_cast<unsigned char>(character)) * kPrime;
+  });
 }
 
 struct Address {

@@ -28,8 +28,10 @@ constexpr milliseconds kRarestLook(1000);
 
 class NamedObject::FileWatch : public KernelObject::Watch {
  public:
-  FileWatch(int watched, bool owned) : notices_(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK)), ownedByProcesses_(owned) {
-    path_ = "/proc/self/fd/" + std::to_string(watched);
+  FileWatch(int watched, bool owned)
+      : path_("/proc/self/fd/" + std::to_string(watched)),
+        notices_(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK)),
+        ownedByProcesses_(owned) {
     look();
   }
 

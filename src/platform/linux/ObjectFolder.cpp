@@ -181,6 +181,7 @@ std::optional<NamedResult> Registry::findHere(const std::string& path, ObjectTyp
 }
 
 NamedResult Registry::findOnMachine(const Search& search) {
+  // cppcheck-suppress unreadVariable ; its scope is what counts
   const FolderLock lock(search.folder);
   for (int i = 0; i < kMostRetries; ++i) {
     if (std::optional<NamedResult> result = look(search)) {
