@@ -11,4 +11,4 @@ https.createServer(options, (request, response) => {
   request.resume();
   response.writeHead(200, { Connection: 'close' });
   response.end();
-}).listen(Number(process.argv[2]));
+}).listen(Number(process.argv[2]), '127.0.0.1');
