@@ -43,8 +43,8 @@ std::vector<std::string> localHosts() {
 std::set<IPAddress> localAddresses() {
   std::set<IPAddress> addresses = {IPAddress("127.0.0.1")};
   try {
-    for (const auto& interface : Poco::Net::NetworkInterface::list()) {
-      addresses.insert(interface.address());
+    for (const auto& network : Poco::Net::NetworkInterface::list()) {
+      addresses.insert(network.address());
     }
   } catch (const Poco::Exception&) {
     // What the system does not tell is not in the certificate.
