@@ -1,13 +1,11 @@
 """What the live page shows, and how it is used."""
 
-import gzip
 import struct
-import subprocess
-import time
 import zlib
 
 import pytest
-from conftest import LONG, SLOWNESS, By, Keys, View
+from conftest import SLOWNESS, By, Keys
+from selenium.webdriver import ActionChains
 
 JSON = b'{"room":{"number":12345678901234567890,"tags":[],"name":"\xc3\xa9t\xc3\xa9"}}'
 
@@ -259,18 +257,18 @@ def test_ten_thousand_rows_are_in_the_list_and_few_in_the_document(page, view):
     page.click("#rows")
     page.press(Keys.HOME)
     page.until(lambda: page.text("[aria-selected=true] .what") == "GET /50")
-    # A frame in which all of it is drawn anew must leave time for the next.
-    longest = page.driver.execute_async_script("""
-        const done = arguments[0], rows = document.getElementById('rows');
-        let longest = 0, last = performance.now(), left = 60;
+    # Every frame draws all that is seen anew; the machine may be busy with something else in some of them.
+    frames = page.driver.execute_async_script("""
+        const done = arguments[0], rows = document.getElementById('rows'), frames = [];
+        let last = performance.now();
         const step = (now) => {
-          longest = Math.max(longest, now - last);
+          frames.push(now - last);
           last = now;
-          rows.scrollTop = (60 - left) * 4000;
-          if (--left) { requestAnimationFrame(step); } else { done(longest); }
+          rows.scrollTop = frames.length * 4000;
+          frames.length < 60 ? requestAnimationFrame(step) : done(frames);
         };
         requestAnimationFrame(step);""")
-    assert longest < 500 * SLOWNESS
+    assert sorted(frames)[30] < 50 * SLOWNESS
 
 
 def test_a_click_on_the_time_line_chooses(page, view):
@@ -288,7 +286,6 @@ def test_a_click_on_the_time_line_chooses(page, view):
             }
           }
         }""")
-    from selenium.webdriver import ActionChains
     canvas = page.driver.find_element(By.CSS_SELECTOR, "#strip canvas")
     ActionChains(page.driver).move_to_element_with_offset(canvas, round(at[0]) + 1, round(at[1])).click().perform()
     page.until(lambda: page.text("h2") == "GET /only")
