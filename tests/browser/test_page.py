@@ -257,18 +257,20 @@ def test_ten_thousand_rows_are_in_the_list_and_few_in_the_document(page, view):
     page.click("#rows")
     page.press(Keys.HOME)
     page.until(lambda: page.text("[aria-selected=true] .what") == "GET /50")
-    # Every frame draws all that is seen anew; the machine may be busy with something else in some of them.
-    frames = page.driver.execute_async_script("""
-        const done = arguments[0], rows = document.getElementById('rows'), frames = [];
+    # Every frame draws all that is seen anew, and takes hardly longer than one that draws nothing: the usual frame, as the
+    # machine may be busy with something else in some of them.
+    script = """
+        const [scrolls, done] = arguments, rows = document.getElementById('rows'), frames = [];
         let last = performance.now();
         const step = (now) => {
           frames.push(now - last);
           last = now;
-          rows.scrollTop = frames.length * 4000;
-          frames.length < 60 ? requestAnimationFrame(step) : done(frames);
+          if (scrolls) { rows.scrollTop = frames.length * 4000; }
+          frames.length < 60 ? requestAnimationFrame(step) : done(frames.sort((a, b) => a - b)[30]);
         };
-        requestAnimationFrame(step);""")
-    assert sorted(frames)[30] < 50 * SLOWNESS
+        requestAnimationFrame(step);"""
+    still = page.driver.execute_async_script(script, False)
+    assert page.driver.execute_async_script(script, True) < 3 * still + 50 * SLOWNESS
 
 
 def test_a_click_on_the_time_line_chooses(page, view):
