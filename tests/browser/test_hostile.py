@@ -1,16 +1,14 @@
 """Everything that peers send is hostile: none of it may get out of the text that it is."""
 
 import json
-import os
 import pathlib
-import shlex
 import socket
 import subprocess
 import threading
 
 import jsonschema
 import pytest
-from conftest import LONG, By
+from conftest import LONG
 
 MARKUP = b"<img src=x onerror=window.hacked=1><script>window.hacked=1</script><svg onload=window.hacked=1>"
 SHELL = b"';touch hacked;'$(touch hacked)`touch hacked`\"&&touch hacked|touch hacked\\\xff"
