@@ -82,7 +82,7 @@ void run(std::string_view input) {
   checkJson("a connection", view::connectionJson(log, overviews, id).value_or(""));
   checkJson("the pieces", view::piecesJson(log, id, 0));
   checkJson("a search", view::searchJson(log, std::string(received.substr(0, 5)), 0));
-  if (const std::string exchange = view::archivedExchange(log, id); !exchange.empty()) {
+  if (const std::string exchange = view::archivedExchange(log, (choices & kEnded) != 0, id); !exchange.empty()) {
     checkJson("an exchange", exchange);
   }
   checkEqual("what was received", received, log.bytes(id, view::Direction::received, received.size() + 1));

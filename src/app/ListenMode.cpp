@@ -128,7 +128,7 @@ int listen(const SwitchMap& switches) {
                               .watcher = shown ? &shown->log : nullptr,
                               .make = secure ? secure->makeSocket() : net::makePlainSocket});
     if (shown) {
-      shown->open({raw, server->port()}, *viewPort, console);
+      shown->open({.raw = raw, .secure = secure.has_value(), .port = server->port()}, *viewPort, console);
     }
     server->start();
     const std::uint32_t ended = platform::waitForObject(shutdown.handle(), platform::kInfinite);

@@ -214,7 +214,8 @@ std::string helloJson(const Listener& listener, const std::string& run) {
   std::string text;
   JsonWriter json(text);
   json.beginObject().name("run").bytes(run).name("version").bytes(kTraceVersion);
-  json.name("raw").boolean(listener.raw).name("port").number(std::uint64_t{listener.port}).endObject();
+  json.name("raw").boolean(listener.raw).name("secure").boolean(listener.secure);
+  json.name("port").number(std::uint64_t{listener.port}).endObject();
   return text;
 }
 

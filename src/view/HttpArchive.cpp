@@ -80,10 +80,10 @@ void writeContent(JsonWriter& json, const Message& message, std::string_view enc
   }
 }
 
-void writeRequest(JsonWriter& json, const Connection& connection, const Message& request) {
+void writeRequest(JsonWriter& json, const Connection& connection, bool secure, const Message& request) {
   json.name("request").beginObject();
   json.name("method").text(request.first);
-  json.name("url").text("http://" + connection.own + uriPath(request.second));
+  json.name("url").text((secure ? "https://" : "http://") + connection.own + uriPath(request.second));
   json.name("_target").text(request.second).name("httpVersion").text(request.third);
   writeHeaders(json, request);
   json.name("queryString").beginArray();
@@ -165,7 +165,7 @@ void writeTimes(JsonWriter& json, const TrafficLog& log, const Connection& conne
 
 }  // namespace
 
-std::string archivedExchange(const TrafficLog& log, std::uint64_t id) {
+std::string archivedExchange(const TrafficLog& log, bool secure, std::uint64_t id) {
   const auto connection = log.find(id);
   if (!connection || connection->refused || connection->received.lost > 0 || connection->received.total == 0) {
     return {};
@@ -181,7 +181,7 @@ std::string archivedExchange(const TrafficLog& log, std::uint64_t id) {
   JsonWriter json(text);
   json.beginObject();
   writeTimes(json, log, *connection);
-  writeRequest(json, *connection, *exchange.request);
+  writeRequest(json, *connection, secure, *exchange.request);
   writeAnswer(json, exchange.answer.value_or(Message{}));
   json.name("cache").beginObject().endObject();
   json.name("connection").text(std::to_string(id));
@@ -189,7 +189,7 @@ std::string archivedExchange(const TrafficLog& log, std::uint64_t id) {
   return text;
 }
 
-void writeHttpArchive(const TrafficLog& log, std::ostream& to) {
+void writeHttpArchive(const TrafficLog& log, bool secure, std::ostream& to) {
   std::string head;
   JsonWriter json(head);
   json.beginObject().name("log").beginObject().name("version").text("1.2");
@@ -198,7 +198,7 @@ void writeHttpArchive(const TrafficLog& log, std::ostream& to) {
   to << head;
   bool first = true;
   for (const std::uint64_t id : log.ids()) {
-    const std::string exchange = archivedExchange(log, id);
+    const std::string exchange = archivedExchange(log, secure, id);
     if (!exchange.empty()) {
       to << (first ? "\n" : ",\n") << exchange;
       first = false;

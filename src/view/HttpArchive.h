@@ -11,10 +11,10 @@ namespace keltop::view {
 inline constexpr std::size_t kArchivedBody = std::size_t{4} << 20U;
 
 /// Writes every HTTP exchange that is kept, the oldest first, in the format HAR 1.2: JSON that developer tools of
-/// browsers open. One exchange is held in memory at a time.
-void writeHttpArchive(const TrafficLog& log, std::ostream& to);
+/// browsers open. `secure`: they came behind TLS. One exchange is held in memory at a time.
+void writeHttpArchive(const TrafficLog& log, bool secure, std::ostream& to);
 
 /// One exchange; empty where a connection has none.
-[[nodiscard]] std::string archivedExchange(const TrafficLog& log, std::uint64_t id);
+[[nodiscard]] std::string archivedExchange(const TrafficLog& log, bool secure, std::uint64_t id);
 
 }  // namespace keltop::view

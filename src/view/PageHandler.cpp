@@ -161,7 +161,7 @@ void sendEvents(PageContext& context, Request& request, Response& response) {
 
 void sendArchive(const PageContext& context, Response& response) {
   setDownload(response, "keltop.har");
-  writeHttpArchive(context.log, response.send());
+  writeHttpArchive(context.log, context.listener.secure, response.send());
 }
 
 /// A stream as far as it is kept, or as many of its first bytes as were asked for.

@@ -66,7 +66,7 @@ int main(int count, char** arguments) {
   Poco::Net::initializeNetwork();
   keltop::view::TrafficLog log;
   const bool raw = count > 1 && std::string(arguments[1]) == "raw";
-  keltop::view::PageServer server(log, {raw, 8080}, count > 2 ? arguments[2] : "0");
+  keltop::view::PageServer server(log, {.raw = raw, .port = 8080}, count > 2 ? arguments[2] : "0");
   std::cout << server.port() << std::endl;
   std::string line;
   while (std::getline(std::cin, line)) {

@@ -72,6 +72,21 @@ def test_the_page_s_address_is_said_after_the_listener_s(keltop):
     assert keltop.end(running) == HEAD + listening_on(port) + b"View: http://127.0.0.1:%d/\r\n\n" % page_port
 
 
+def test_behind_tls_the_page_shows_what_was_inside(keltop):
+    running, port, page_port = watched(keltop, "-tls")
+    request = b"POST /rsi HTTP/1.1\r\nHost: x\r\nContent-Length: 5\r\n\r\nclean"
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
+    context.check_hostname, context.verify_mode = False, ssl.CERT_NONE
+    with socket.create_connection(("127.0.0.1", port), LONG) as plain, context.wrap_socket(plain) as peer:
+        peer.sendall(request)
+        assert peer.recv(65536).startswith(b"HTTP/1.1 200 OK\r\n")
+    assert connection(page_port, 1)["state"] == "closed"
+    assert received(page_port, 1) == request
+    (exchange,) = json.loads(get(page_port, "/har"))["log"]["entries"]
+    assert exchange["request"]["url"] == f"https://127.0.0.1:{port}/rsi"
+    assert keltop.end(running).count(b"View: ") == 1
+
+
 @pytest.mark.parametrize("value", [[], ["0"]])
 def test_without_a_port_a_free_one_is_taken(keltop, value):
     running = keltop.start("-p", str(free_port()), "-VIEW", *value)

@@ -28,9 +28,9 @@ class ArchivedLog {
     }
   }
 
-  [[nodiscard]] Array::Ptr entries() const {
+  [[nodiscard]] Array::Ptr entries(bool secure = false) const {
     std::ostringstream archive;
-    writeHttpArchive(log, archive);
+    writeHttpArchive(log, secure, archive);
     const auto whole = Poco::JSON::Parser().parse(archive.str()).extract<Object::Ptr>()->getObject("log");
     EXPECT_EQ(whole->getValue<std::string>("version"), "1.2");
     EXPECT_EQ(whole->getObject("creator")->getValue<std::string>("name"), "keltop");
@@ -87,6 +87,16 @@ TEST(HttpArchive, makesAValidAddressOfEveryTarget) {
     EXPECT_EQ(archived.entries()->getObject(0)->getObject("request")->getValue<std::string>("url"),
               "http://10.0.0.2:8080" + url);
   }
+}
+
+TEST(HttpArchive, saysThatAnExchangeCameBehindTls) {
+  ArchivedLog archived;
+  archived.exchange("GET /rsi HTTP/1.1\r\n\r\n", kAnswer);
+  const auto urlOf = [&](bool secure) {
+    return archived.entries(secure)->getObject(0)->getObject("request")->getValue<std::string>("url");
+  };
+  EXPECT_EQ(urlOf(false), "http://10.0.0.2:8080/rsi");
+  EXPECT_EQ(urlOf(true), "https://10.0.0.2:8080/rsi");
 }
 
 TEST(HttpArchive, givesAnExchangeWithoutAnswerTheStatusZero) {

@@ -56,7 +56,7 @@ class PageServerTest : public testing::Test {
   }
 
   TrafficLog log;
-  std::unique_ptr<PageServer> server = std::make_unique<PageServer>(log, Listener{false, 8080}, "");
+  std::unique_ptr<PageServer> server = std::make_unique<PageServer>(log, Listener{.port = 8080}, "");
 };
 
 /// A browser that reads events.
@@ -228,7 +228,7 @@ TEST_F(PageServerTest, tellsEventsAndWhatAReturningBrowserMissed) {
   {
     Reader reader(server->port());
     EXPECT_EQ(reader.head.getContentType(), "text/event-stream");
-    EXPECT_NE(reader.field("data").find(R"("raw":false,"port":8080)"), std::string::npos);
+    EXPECT_NE(reader.field("data").find(R"("raw":false,"secure":false,"port":8080)"), std::string::npos);
     auto event = reader.next();
     ASSERT_EQ(event.size(), 3U);
     EXPECT_EQ(event[0].second, "changes");

@@ -41,9 +41,10 @@ function headerWords(headers, hasBody) {
 }
 
 /** The command that sends a request again, as near to how it came as curl can, and why it is not the same where it is not. */
-export function curl(request, own) {
+export function curl(request, own, secure = false) {
   const { first: method, second: target, headers, body } = request;
-  const words = ['curl'];
+  const words = secure ? ['curl', '--insecure'] : ['curl'];  // the certificate is often one that nobody vouches for
+  const origin = `${secure ? 'https' : 'http'}://${own}`;
   const hasBody = body.size > 0;
   if (method === 'HEAD') {
     words.push('--head');
@@ -60,9 +61,9 @@ export function curl(request, own) {
     words.push('--data-raw', shellWord(body.bytes));
   }
   if (PLAIN_TARGET.test(target)) {
-    words.push('--globoff', '--path-as-is', shellWord(`http://${own}${target}`));
+    words.push('--globoff', '--path-as-is', shellWord(origin + target));
   } else {
-    words.push('--request-target', shellWord(target), `http://${own}/`);
+    words.push('--request-target', shellWord(target), `${origin}/`);
   }
   return { command: words.join(' '), note };
 }

@@ -26,7 +26,7 @@ export class Detail {
   constructor(onClose) {
     this.onClose = onClose;
     this.raw = false;
-    this.port = 0;
+    this.secure = false;
     this.#render();
   }
 
@@ -171,7 +171,7 @@ export class Detail {
     const downloads = [];
     if (one.request) {
       actions.push(button('copy-curl', 'Copy as curl', () => {
-        const { command, note } = curl(this.#one.request, one.own);
+        const { command, note } = curl(this.#one.request, one.own, this.secure);
         copy(command, `a curl command${note}`);
       }));
     }

@@ -20,7 +20,7 @@ let filter = '';
 let matches = new Set();
 let searched = 0;
 let searching = false;
-let listener = { raw: false, port: 0 };
+let listener = { raw: false, secure: false, port: 0 };
 
 const timeline = new Timeline(() => order, (id) => list.choose(id));
 const detail = new Detail(close);
@@ -101,10 +101,13 @@ function update(goneFromFront = 0) {
 
 function showWhatToDo() {
   const host = `127.0.0.1:${listener.port}`;
-  const line = listener.raw ? `printf 'STX 7101 CLEAN\\r\\nETX' | nc -q 0 127.0.0.1 ${listener.port}` : `curl -d 'hello' http://${host}/`;
+  const address = `${listener.secure ? 'https' : 'http'}://${host}/`;
+  const bytes = "printf 'STX 7101 CLEAN\\r\\nETX' | ";
+  const line = !listener.raw ? `curl ${listener.secure ? '--insecure ' : ''}-d 'hello' ${address}`
+    : bytes + (listener.secure ? `openssl s_client -quiet -no_ign_eof -connect ${host}` : `nc -q 0 127.0.0.1 ${listener.port}`);
   byId('empty').replaceChildren(
     h('p', { class: 'big' }, 'Nothing has come yet.'),
-    h('p', {}, 'Send something to ', h('code', {}, listener.raw ? host : `http://${host}/`), ', from here or, by this machine’s own address, from elsewhere. For example:'),
+    h('p', {}, 'Send something to ', h('code', {}, listener.raw ? host : address), ', from here or, by this machine’s own address, from elsewhere. For example:'),
     h('div', { class: 'try' }, h('code', {}, line), h('button', { type: 'button', onclick: () => copy(line, 'the command') }, 'Copy')));
 }
 
@@ -210,7 +213,9 @@ function listen() {
     run = hello.run;
     listener = hello;
     detail.raw = hello.raw;
-    byId('about').textContent = `${hello.raw ? 'Raw TCP' : 'HTTP'} on port ${hello.port}`;
+    detail.secure = hello.secure;
+    const protocol = hello.raw ? `Raw ${hello.secure ? 'TLS' : 'TCP'}` : `HTTP${hello.secure ? 'S' : ''}`;
+    byId('about').textContent = `${protocol} on port ${hello.port}`;
     byId('har').hidden = hello.raw;
     setLive('live');
     soon();
