@@ -20,6 +20,8 @@ import sys
 import tempfile
 import time
 
+from handshakes import handshakes
+
 HERE = os.path.dirname(os.path.abspath(__file__))
 
 WORKERS = 16  # requests at a time, where what a crowd leaves behind is measured
@@ -506,13 +508,14 @@ def main():
     options.add_argument("--windows", help="the program for Windows, where it has been built")
     options.add_argument("--quick", action="store_true", help="shorter rounds, for trying the benchmark itself")
     options.add_argument("--page", help="the file to write the table to, as a page")
-    options.add_argument("only", nargs="*", help="http, raw, crowd, idle, start, posts, trace, xml, windows or growth; all without")
+    options.add_argument("only", nargs="*", help="http, raw, crowd, tls, idle, start, posts, trace, xml, windows or growth; all without")
     given = options.parse_args()
     with tempfile.TemporaryDirectory(prefix="keltop-bench-") as folder:
         bench = Bench(given.build, given.windows, folder)
         parts = {"http": lambda: bench.http(3 if given.quick else 15, 1 if given.quick else 2),
                  "raw": lambda: bench.raw(1 if given.quick else 15, 200),
                  "crowd": lambda: bench.crowd(1 if given.quick else 15),
+                 "tls": lambda: handshakes(bench, 2 if given.quick else 15, 2, free_port, until, listens),
                  "idle": lambda: bench.idle(5 if given.quick else 60),
                  "start": lambda: bench.start_up(5 if given.quick else 31),
                  "posts": lambda: bench.posts(5 if given.quick else 31),

@@ -6,7 +6,7 @@
 #
 # Findings above LOW fail it, but those of the page's list.
 set -euo pipefail
-source "$(dirname "${BASH_SOURCE[0]}")/setup.sh"
+source "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/setup.sh"
 
-need "${KELTOP_BUILD_PACKAGES[@]}" "${KELTOP_TEST_PACKAGES[@]}" testssl.sh
+need "${KELTOP_BUILD_PACKAGES[@]}" "${KELTOP_TEST_PACKAGES[@]}" "testssl.sh:examines the listeners behind TLS"
 exec /usr/bin/python3 "$KELTOP_ROOT/tests/tls_report.py" "$KELTOP_ROOT" "$@"

@@ -18,7 +18,7 @@ PAGE = pathlib.Path("docs") / "tls-report.md"
 LISTENERS = {"HTTP": [], "Raw": ["-raw"]}
 PATIENCE = 1800  # seconds for testssl.sh; a raw listener lets each of its questions run into a time-out
 
-HARMLESS = ("OK", "INFO", "LOW")
+HARMLESS = ("DEBUG", "OK", "INFO", "LOW")
 ENGINE = "engine_problem"  # of testssl.sh's own openssl, not of the server
 # What a certificate has that is made at each start, signed by itself and valid for 30 days.
 OF_THE_CERTIFICATE = {"cert_chain_of_trust", "cert_expirationStatus", "cert_notAfter", "cert_revocation"}
@@ -88,7 +88,7 @@ def look_at(program, switches, folder):
 
 def version():
     done = subprocess.run(["testssl", "--version"], capture_output=True, text=True, check=False)
-    return re.search(r"testssl\.sh +([\w.]+)", done.stdout)[1]
+    return re.search(r"testssl +([\w.]+)", done.stdout)[1]
 
 
 def main():

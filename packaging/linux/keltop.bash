@@ -11,7 +11,7 @@ _keltop() {
       mapfile -t COMPREPLY < <(compgen -W 'http:// https://' -- "$current")
       return
       ;;
-    -tls | ~tls)
+    -tls | '~tls')
       compopt -o default
       COMPREPLY=()
       return
@@ -20,7 +20,7 @@ _keltop() {
       return
       ;;
   esac
-  mapfile -t COMPREPLY < <(compgen -W '-h -p -raw -view -tls -isi -rsi -url -description -room -id -fname -lname -count -code -item
-    -category' -- "$current")
+  mapfile -t COMPREPLY < <(compgen -W '-h -p -raw -tls -view -isi -rsi -url -description -room -id -fname -lname -count
+    -code -item -category' -- "$current")
 }
 complete -F _keltop keltop

@@ -73,6 +73,15 @@ void endTrace(int exitCode) {
   }
 }
 
+void announce(ConsoleStream& console, std::int32_t port, const std::optional<SecureListening>& secure) {
+  console << "Press Ctrl-C to stop.\n"
+          << "Listening on: " << port << "\r\n"
+          << std::endl;
+  if (secure) {
+    secure->announce(console);
+  }
+}
+
 /// What a failure of the library or of a file ends the listener with.
 int showFailure(ConsoleStream& console, const Poco::Exception& error) {
   console << "Error: " << error.displayText() << std::endl;
@@ -107,12 +116,7 @@ int listen(const SwitchMap& switches) {
   if (!platform::waitForOutput(shutdown.handle())) {
     platform::stopWaitingForOutput();  // told to stop while nobody read
   }
-  console << "Press Ctrl-C to stop.\n"
-          << "Listening on: " << port << "\r\n"
-          << std::endl;
-  if (secure) {
-    secure->announce(console);
-  }
+  announce(console, port, secure);
   const bool raw = findSwitch(switches, "RAW") != nullptr;
   const std::string* viewPort = findSwitch(switches, "VIEW");
   const auto shown = viewPort == nullptr ? nullptr : std::make_unique<View>();

@@ -1,23 +1,18 @@
 #include "net/OwnCertificate.h"
 
-#include <Poco/Exception.h>
-#include <Poco/Net/DNS.h>
-#include <Poco/Net/IPAddress.h>
-#include <Poco/Net/NetworkInterface.h>
 #include <openssl/bn.h>
 #include <openssl/x509v3.h>
 
-#include <algorithm>
-#include <set>
+#include <cstddef>
 #include <string>
-#include <string_view>
 #include <utility>
+
+// Not the library: on Windows its headers bring the system's, which has macros of the names of the TLS library's types.
 
 namespace keltop::net {
 
 namespace {
 
-using Poco::Net::IPAddress;
 using NamesOwner = std::unique_ptr<GENERAL_NAMES, Freeing<GENERAL_NAMES_free>>;
 using NameOwner = std::unique_ptr<GENERAL_NAME, Freeing<GENERAL_NAME_free>>;
 using NumberOwner = std::unique_ptr<BIGNUM, Freeing<BN_free>>;
@@ -31,43 +26,6 @@ constexpr long kValidUntil = kValidFrom + 30 * kDay;
 constexpr long kVersion3 = 2;     ///< as the form counts versions
 constexpr int kSerialBits = 127;  ///< positive, and of at most 20 bytes (RFC 5280, section 4.1.2.2)
 constexpr std::size_t kLongestCommonName = ub_common_name;
-
-constexpr const char* kLocalName = "localhost";
-
-/// A name that a certificate can hold as a DNS name.
-bool isHostName(std::string_view name) noexcept {
-  const auto fits = [](char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '.' ||
-           c == '_';
-  };
-  return !name.empty() && std::all_of(name.begin(), name.end(), fits);
-}
-
-/// The machine's first, where it has one.
-std::vector<std::string> localNames() {
-  std::vector<std::string> names;
-  try {
-    if (std::string name = Poco::Net::DNS::hostName(); isHostName(name) && name != kLocalName) {
-      names.push_back(std::move(name));
-    }
-  } catch (const Poco::Exception&) {
-    // A machine without a name.
-  }
-  names.emplace_back(kLocalName);
-  return names;
-}
-
-std::set<IPAddress> localAddresses() {
-  std::set<IPAddress> addresses = {IPAddress("127.0.0.1")};
-  try {
-    for (const auto& interface : Poco::Net::NetworkInterface::list()) {
-      addresses.insert(interface.address());
-    }
-  } catch (const Poco::Exception&) {
-    // What the system does not tell is not in the certificate.
-  }
-  return addresses;
-}
 
 bool addName(GENERAL_NAMES* names, int type, const void* bytes, std::size_t size) {
   NameOwner name(GENERAL_NAME_new());
@@ -84,21 +42,22 @@ bool addName(GENERAL_NAMES* names, int type, const void* bytes, std::size_t size
   return true;
 }
 
-bool addNames(X509* certificate, const std::vector<std::string>& hosts) {
+bool addNames(X509* certificate, const LocalNames& local) {
   const NamesOwner names(GENERAL_NAMES_new());
   bool added = names != nullptr;
-  for (const std::string& host : hosts) {
+  for (const std::string& host : local.hosts) {
     added = added && addName(names.get(), GEN_DNS, host.data(), host.size());
   }
-  for (const IPAddress& address : localAddresses()) {
-    added = added && addName(names.get(), GEN_IPADD, address.addr(), address.length());
+  for (const std::string& address : local.addresses) {
+    added = added && addName(names.get(), GEN_IPADD, address.data(), address.size());
   }
   return added && X509_add1_ext_i2d(certificate, NID_subject_alt_name, names.get(), 0, 0) == 1;
 }
 
 /// It is its own issuer; the name is only for people to read.
-bool nameItself(X509* certificate, const std::string& host) {
-  const std::string& shown = host.size() <= kLongestCommonName ? host : kLocalName;
+bool nameItself(X509* certificate, const LocalNames& local) {
+  const std::string& shown =
+      local.hosts.front().size() <= kLongestCommonName ? local.hosts.front() : local.hosts.back();
   X509_NAME* const subject = X509_get_subject_name(certificate);
   return X509_NAME_add_entry_by_NID(subject, NID_commonName, MBSTRING_ASC,
                                     reinterpret_cast<const unsigned char*>(shown.data()),
@@ -123,18 +82,16 @@ bool addUse(X509* certificate, int kind, const char* use) {
 
 }  // namespace
 
-CertificateOwner makeOwnCertificate(EVP_PKEY* key) {
+CertificateOwner makeOwnCertificate(EVP_PKEY* key, const LocalNames& local) {
   CertificateOwner made(X509_new());
-  const std::vector<std::string> hosts = localNames();
-  const bool complete = made && X509_set_version(made.get(), kVersion3) == 1 && numberIt(made.get()) &&
-                        X509_gmtime_adj(X509_getm_notBefore(made.get()), kValidFrom) != nullptr &&
-                        X509_gmtime_adj(X509_getm_notAfter(made.get()), kValidUntil) != nullptr &&
-                        nameItself(made.get(), hosts.front()) && X509_set_pubkey(made.get(), key) == 1 &&
-                        addUse(made.get(), NID_basic_constraints, "critical,CA:FALSE") &&
-                        addUse(made.get(), NID_key_usage, "critical,digitalSignature") &&
-                        addUse(made.get(), NID_ext_key_usage, "serverAuth") &&
-                        addUse(made.get(), NID_subject_key_identifier, "hash") && addNames(made.get(), hosts) &&
-                        X509_sign(made.get(), key, EVP_sha256()) != 0;
+  const bool complete =
+      made && X509_set_version(made.get(), kVersion3) == 1 && numberIt(made.get()) &&
+      X509_gmtime_adj(X509_getm_notBefore(made.get()), kValidFrom) != nullptr &&
+      X509_gmtime_adj(X509_getm_notAfter(made.get()), kValidUntil) != nullptr && nameItself(made.get(), local) &&
+      X509_set_pubkey(made.get(), key) == 1 && addUse(made.get(), NID_basic_constraints, "critical,CA:FALSE") &&
+      addUse(made.get(), NID_key_usage, "critical,digitalSignature") &&
+      addUse(made.get(), NID_ext_key_usage, "serverAuth") && addUse(made.get(), NID_subject_key_identifier, "hash") &&
+      addNames(made.get(), local) && X509_sign(made.get(), key, EVP_sha256()) != 0;
   return complete ? std::move(made) : nullptr;
 }
 

@@ -40,7 +40,7 @@ std::shared_ptr<SSL_CTX> makeServerContext(const SecureIdentity& identity) {
   if (!context || !agreeOn(context.get()) || !identify(context.get(), identity)) {
     throw Poco::Net::SSLException(takeSecureError());
   }
-  return std::shared_ptr<SSL_CTX>(context.release(), SSL_CTX_free);
+  return {context.release(), SSL_CTX_free};
 }
 
 }  // namespace keltop::net

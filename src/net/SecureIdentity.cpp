@@ -121,7 +121,7 @@ SecureIdentity SecureIdentity::makeOwn() {
   SecureIdentity made;
   made.key_.reset(EVP_EC_gen("P-256"));
   if (made.key_) {
-    made.certificate_ = makeOwnCertificate(made.key_.get());
+    made.certificate_ = makeOwnCertificate(made.key_.get(), localNames());
   }
   if (!made.certificate_) {
     throw Poco::Net::SSLException("No certificate can be made", takeSecureError());

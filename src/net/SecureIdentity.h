@@ -16,9 +16,6 @@ class SecureFileException : public Poco::Exception {
   SecureFileException(const std::string& path, const std::string& reason) : Poco::Exception(path + ": " + reason) {}
 
   [[nodiscard]] const char* name() const noexcept override { return "TLS file"; }
-  [[nodiscard]] const char* className() const noexcept override { return "SecureFileException"; }
-  [[nodiscard]] Poco::Exception* clone() const override { return new SecureFileException(*this); }
-  void rethrow() const override { throw *this; }
 };
 
 /// Who a TLS server says it is: a certificate, the certificates that lead from it to an authority, and the private key.

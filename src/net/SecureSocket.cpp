@@ -20,14 +20,14 @@ constexpr auto kHandshakeLimit = std::chrono::seconds(10);
 constexpr const char* kHandshakeTooSlow = "no TLS handshake within 10 seconds";
 
 /// What is received and sent at a time: two records of the greatest size.
-constexpr std::size_t kPiece = 33 * 1024;
+constexpr std::size_t kPiece = std::size_t{33} * 1024;
 
 /// During a handshake, what a socket that can be written takes without waiting.
 constexpr std::size_t kHandshakePiece = 4096;
 
-Timespan until(steady_clock::time_point time) {
+Timespan timeUntil(steady_clock::time_point time) {
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(time - steady_clock::now());
-  return Timespan(std::max<Timespan::TimeDiff>(left.count(), 0) * Timespan::MILLISECONDS);
+  return {std::max<Timespan::TimeDiff>(left.count(), 0) * Timespan::MILLISECONDS};
 }
 
 }  // namespace
@@ -213,9 +213,9 @@ void SecureSocket::noteResult(int result) {
 }
 
 /// True when something has been received, or the connection has failed.
-bool SecureSocket::waitForPeer(Time limit, int mode) {
+bool SecureSocket::waitForPeer(Time until, int mode) {
   try {
-    if (!AcceptedSocket::poll(until(limit), mode)) {
+    if (!AcceptedSocket::poll(timeUntil(until), mode)) {
       return false;
     }
     takeFromPeer();
@@ -240,7 +240,7 @@ void SecureSocket::giveToPeer() {
     const std::size_t room = shaken_ ? piece.size() : kHandshakePiece;
     const int count = BIO_read(toSend_, piece.data(), static_cast<int>(room));
     for (int sent = 0; sent < count;) {
-      if (!shaken_ && !AcceptedSocket::poll(until(handshakeLimit_), SELECT_WRITE)) {
+      if (!shaken_ && !AcceptedSocket::poll(timeUntil(handshakeLimit_), SELECT_WRITE)) {
         throw SSLException(kHandshakeTooSlow);
       }
       sent += AcceptedSocket::sendSome(piece.data() + sent, count - sent, 0);

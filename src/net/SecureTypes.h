@@ -1,5 +1,7 @@
 #pragma once
 
+// Before the TLS library's: they take back the names that the system's headers make macros of on Windows.
+#include <Poco/Foundation.h>
 #include <openssl/bio.h>
 #include <openssl/evp.h>
 #include <openssl/ssl.h>

@@ -7,9 +7,9 @@
 namespace keltop {
 
 std::streamsize BodyUntilFailure::xsgetn(char_type* text, std::streamsize length) {
-  std::streambuf& source = *body_.rdbuf();
   std::streamsize count = 0;
   try {
+    std::streambuf& source = *body_.rdbuf();
     while (count < length && !traits_type::eq_int_type(source.sgetc(), traits_type::eof())) {
       // Only what is there: asking for more would receive again, and lose this where that fails.
       count += source.sgetn(text + count, std::min(source.in_avail(), length - count));

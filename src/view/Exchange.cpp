@@ -134,7 +134,7 @@ class MemorySession : public Poco::Net::HTTPSession {
   [[nodiscard]] std::size_t unread() const { return static_cast<std::size_t>(buffered()); }
 };
 
-/// Decodes with the library's reader. `wire` gets cut to what belongs to the body.
+/// Decodes with the library's reader, and counts what of the bytes belongs to the body.
 void decodeChunks(Body& body, bool whole) {
   constexpr std::size_t kPart = 8192;
   std::size_t received = 0;
@@ -157,7 +157,6 @@ void decodeChunks(Body& body, bool whole) {
     body.end = whole ? BodyEnd::shorter : BodyEnd::coming;
   } else if (taken.ends_with('\n')) {
     body.end = BodyEnd::complete;
-    body.wire = taken;
     body.wireTotal = taken.size();
   } else {
     body.end = BodyEnd::broken;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <utility>
+#include <vector>
 
 namespace keltop::view {
 
@@ -12,7 +13,9 @@ constexpr std::size_t kSentAtHand = std::size_t{8} << 10U;
 constexpr std::size_t kLongestMethod = 64;
 constexpr std::size_t kLongestTarget = 512;
 constexpr std::size_t kFirstBytes = 120;
-constexpr std::size_t kMostKept = 10'000;
+
+/// More than the log has connections: those that it has dropped are dropped here together, now and then.
+constexpr std::size_t kMostKept = 12'000;
 
 void describe(const Message& request, Overview& overview) {
   overview.kind = Overview::Kind::http;
@@ -46,12 +49,11 @@ Overview Overviews::of(const Connection& connection) {
   }
   Overview overview = read(connection);
   const std::lock_guard lock(mutex_);
-  if (kept_.size() >= kMostKept && !kept_.contains(connection.id)) {
-    std::erase_if(kept_, [this](const auto& one) { return !log_.find(one.first); });
+  if (kept_.size() >= kMostKept) {
+    const std::vector<std::uint64_t> known = log_.ids();
+    std::erase_if(kept_, [&known](const auto& one) { return !std::ranges::binary_search(known, one.first); });
   }
-  if (kept_.size() < kMostKept || kept_.contains(connection.id)) {
-    kept_[connection.id] = {connection.received.total, connection.sent.total, ended, overview};
-  }
+  kept_[connection.id] = {connection.received.total, connection.sent.total, ended, overview};
   return overview;
 }
 

@@ -162,13 +162,13 @@ std::vector<Piece> TrafficLog::piecesAfter(std::uint64_t id, std::uint64_t numbe
     return result;
   }
   const bool known = number >= std::max(firstPiece_, of->since) && number < nextPiece_ && kept(number).connection == id;
-  std::uint64_t next = known ? kept(number).next : of->first;
-  if (!known && number != 0 && number >= next) {
+  std::uint64_t after = known ? kept(number).next : of->first;
+  if (!known && number != 0 && number >= after) {
     return result;  // nothing that is kept is newer
   }
-  for (; next != 0 && result.size() < std::min(most, kMostLooks); next = kept(next).next) {
-    const Kept& one = kept(next);
-    Piece& piece = result.emplace_back(Piece{next, one.time, one.direction, one.offset, {}, one.length});
+  for (; after != 0 && result.size() < std::min(most, kMostLooks); after = kept(after).next) {
+    const Kept& one = kept(after);
+    Piece& piece = result.emplace_back(Piece{after, one.time, one.direction, one.offset, {}, one.length});
     copyOut(one.position, std::min<std::size_t>(one.length, bytesOfEach), piece.bytes);
   }
   return result;

@@ -1,16 +1,14 @@
 """Everything that peers send is hostile: none of it may get out of the text that it is."""
 
 import json
-import os
 import pathlib
-import shlex
 import socket
 import subprocess
 import threading
 
 import jsonschema
 import pytest
-from conftest import LONG, By
+from conftest import LONG
 
 MARKUP = b"<img src=x onerror=window.hacked=1><script>window.hacked=1</script><svg onload=window.hacked=1>"
 SHELL = b"';touch hacked;'$(touch hacked)`touch hacked`\"&&touch hacked|touch hacked\\\xff"
@@ -159,6 +157,7 @@ class Recorder:
 REQUESTS = {
     "plain": b"GET /rsi/7101?who=maid%201 HTTP/1.1\r\nHost: x\r\nUser-Agent: y\r\nAccept: z\r\n\r\n",
     "shell characters in the target": b"GET /" + SHELL.replace(b" ", b"/") + b" HTTP/1.1\r\nHost: x\r\n\r\n",
+    "quotes in headers": b"GET / HTTP/1.1\r\nHost: x\r\nX: ';touch hacked;'$(touch hacked)`touch hacked`\"\\!\r\n\r\n",
     "shell characters in headers": b"GET / HTTP/1.1\r\nHost: x\r\nX: " + SHELL + b"\r\n\r\n",
     "shell characters in a body": b"POST / HTTP/1.1\r\nHost: x\r\nContent-Length: %d\r\n\r\n" % len(SHELL) + SHELL,
     "a body that names a file": b"POST / HTTP/1.1\r\nHost: x\r\nContent-Length: 11\r\n\r\n@/etc/hosts",
@@ -179,6 +178,7 @@ def test_the_copied_curl_command_sends_the_request_again_and_nothing_else(page, 
     page.click("#copy-curl")
     page.until(lambda: page.copied().startswith("curl "))
     command = page.copied()
+    assert "-H @" not in command and "-H '@" not in command, "curl would read a file"
     assert command.isprintable() and command.isascii(), "one line, and nothing that a terminal takes for a key"
     got = []
     recording = threading.Thread(target=lambda: got.append(recorder.record()), daemon=True)

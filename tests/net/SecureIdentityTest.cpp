@@ -130,8 +130,8 @@ TEST(SecureIdentity, itsOwnNamesTheMachineAndItsAddresses) {
   const Names names = namesOf(SecureIdentity::makeOwn());
   EXPECT_EQ(names.hosts, (std::set<std::string>{Poco::Net::DNS::hostName(), "localhost"}));
   std::set<std::string> local = {"127.0.0.1"};
-  for (const auto& interface : Poco::Net::NetworkInterface::list()) {
-    const std::string address = interface.address().toString();
+  for (const auto& network : Poco::Net::NetworkInterface::list()) {
+    const std::string address = network.address().toString();
     local.insert(address.substr(0, address.find('%')));  // which interface it belongs to is not in a certificate
   }
   EXPECT_EQ(names.addresses, local);

@@ -87,7 +87,7 @@ TEST(Json, writesBase64) {
 TEST(Json, takesForTextOnlyWhatIsUtf8WithoutControls) {
   EXPECT_TRUE(isText("a\tb\r\n\xC3\xA9"));
   for (const std::string_view bytes :
-       {std::string_view("\0", 1), std::string_view("\x7F"), std::string_view("\xC0\x80"),
+       {std::string_view("\0", 1), std::string_view("\x7F"), std::string_view("\xC0\x80"), std::string_view("\xC1\xA1"),
         std::string_view("\xED\xA0\x80"), std::string_view("\xF4\x90\x80\x80"), std::string_view("\xE2\x82"),
         std::string_view("\x80"), std::string_view("\x1B[0m")}) {
     EXPECT_FALSE(isText(bytes));

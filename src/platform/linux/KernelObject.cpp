@@ -117,6 +117,7 @@ std::uint32_t KernelObject::releaseMutex() {
     return kNoError;
   }
   const bool written = writeValue(0);
+  // cppcheck-suppress unreadVariable ; its lifetime is what counts
   self = forgetOwner();
   return written ? kNoError : kErrorInvalidData;
 }
