@@ -281,8 +281,9 @@ def test_a_click_on_the_time_line_chooses(page, view):
         const canvas = document.querySelector('#strip canvas');
         const ratio = canvas.width / canvas.clientWidth;
         const data = canvas.getContext('2d').getImageData(0, 0, canvas.width, canvas.height).data;
-        for (let y = Math.round(22 * ratio); y < canvas.height - 20 * ratio; y += 1) {
-          for (let x = 0; x < canvas.width; x += 1) {
+        // From the left: the line of the present, which moves on, stands right of the bar.
+        for (let x = 0; x < canvas.width; x += 1) {
+          for (let y = Math.round(22 * ratio); y < canvas.height - 20 * ratio; y += 1) {
             if (data[(y * canvas.width + x) * 4 + 3] > 200) {
               return [x / ratio - canvas.clientWidth / 2, y / ratio - canvas.clientHeight / 2];
             }

@@ -1,3 +1,5 @@
+#include <Poco/JSON/Array.h>
+#include <Poco/JSON/Object.h>
 #include <Poco/JSON/Parser.h>
 #include <gtest/gtest.h>
 

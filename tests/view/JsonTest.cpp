@@ -1,3 +1,4 @@
+#include <Poco/JSON/Array.h>
 #include <Poco/JSON/Parser.h>
 #include <gtest/gtest.h>
 
