@@ -52,11 +52,8 @@ void AcceptedSocket::endRequest(bool whole) noexcept {
 }
 
 void AcceptedSocket::endTraffic() noexcept {
-  try {
-    shutdown();
-  } catch (const Poco::Exception&) {
-    // The peer has gone already.
-  }
+  trafficEnded_ = true;
+  platform::endTraffic(static_cast<platform::SocketNumber>(sockfd()));
 }
 
 int AcceptedSocket::receiveBytes(void* buffer, int length, int flags) {
@@ -156,7 +153,14 @@ void AcceptedSocket::setRawOption(int level, int option, const void* value, poco
 }
 
 int AcceptedSocket::receiveSome(char* buffer, int length, int flags) {
-  return StreamSocketImpl::receiveBytes(buffer, length, flags);
+  try {
+    return StreamSocketImpl::receiveBytes(buffer, length, flags);
+  } catch (const Poco::Exception&) {
+    if (!trafficEnded_) {
+      throw;
+    }
+    return 0;  // some systems tell that end as a failure
+  }
 }
 
 int AcceptedSocket::sendSome(const char* bytes, int length, int flags) {

@@ -4,6 +4,7 @@
 #include <Poco/Net/StreamSocketImpl.h>
 #include <Poco/Timespan.h>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -117,6 +118,7 @@ class AcceptedSocket : public Poco::Net::StreamSocketImpl {
   std::optional<Poco::Timespan> sendTimeout_;
   std::optional<Poco::Timespan> receiveTimeout_;
   bool noDelay_;
+  std::atomic<bool> trafficEnded_ = false;
   bool sendingEnded_ = false;
   bool answered_ = false;      ///< something has been sent
   bool wholeRequest_ = false;  ///< the client has nothing more to send

@@ -42,6 +42,12 @@ enum class AcceptResult {
 /// Stops listening: who waits on the socket is woken, and nobody is accepted any more.
 void stopListening(SocketNumber listening) noexcept;
 
+/// Ends both directions of a connection whose socket another thread uses, and leaves the socket open: a receive, one
+/// that waits already too, gives what has come, and then the end or, on Windows, a failure; a send fails.
+///
+/// Windows: a receive that begins in the very moment may miss it, and waits its time out.
+void endTraffic(SocketNumber connection) noexcept;
+
 struct SocketWait {
   bool forReading = false;
   bool forWriting = false;

@@ -213,7 +213,10 @@ TEST_F(AcceptedSocketTest, theEndOfTheServerEndsTheWaitForABodyAndNoOther) {
   AcceptedSocket& later = accept();
   send(client_, "still read");
   EXPECT_EQ(receive(), "still read");
+  send(client_, "has come");
+  EXPECT_TRUE(accepted_.poll(Poco::Timespan(10, 0), StreamSocket::SELECT_READ));
   later.beginRequest();
+  EXPECT_EQ(receive(), "has come");
   EXPECT_EQ(receive(), "") << "it began after the server had stopped";
   later.endRequest(false);
 }

@@ -82,6 +82,10 @@ void stopListening(SocketNumber listening) noexcept {
   (void)::shutdown(descriptorOf(listening), SHUT_RDWR);
 }
 
+void endTraffic(SocketNumber connection) noexcept {
+  (void)::shutdown(descriptorOf(connection), SHUT_RDWR);
+}
+
 std::optional<bool> waitForSocket(SocketNumber socket, SocketWait wait, std::int64_t limit) noexcept {
   pollfd waited = {descriptorOf(socket), 0, 0};
   waited.events = static_cast<short>((wait.forReading ? POLLIN : 0) | (wait.forWriting ? POLLOUT : 0));

@@ -45,6 +45,15 @@ bool acceptedSocketsInheritOptions() noexcept {
 /// A listening socket cannot be shut down there; who waits on it wakes when its time is over.
 void stopListening(SocketNumber /*listening*/) noexcept {}
 
+/// Shutting down the receiving direction wakes nobody there, and loses the bytes that have come. So nobody waits any
+/// more: whoever begins to receive is told that there is nothing, and whoever waits already is called back.
+void endTraffic(SocketNumber connection) noexcept {
+  u_long nonBlocking = 1;
+  (void)::ioctlsocket(connection, static_cast<long>(FIONBIO), &nonBlocking);
+  (void)::shutdown(connection, SD_SEND);
+  (void)::CancelIoEx(reinterpret_cast<HANDLE>(connection), nullptr);
+}
+
 std::optional<bool> waitForSocket(SocketNumber socket, SocketWait wait, std::int64_t milliseconds) noexcept {
   WSAPOLLFD waited = {};
   waited.fd = socket;
