@@ -47,7 +47,10 @@ class TraceFolder : public testing::Test {
   /// A file that was last written that many seconds ago.
   void makeFile(const std::filesystem::path& path, std::string_view content, int age = 0) const {
     writeContent(path, content);
-    std::filesystem::last_write_time(path, std::filesystem::last_write_time(path) - std::chrono::seconds(age));
+    if (age > 0) {
+      // Before one moment for all of them: on a busy machine a second passes between two files.
+      std::filesystem::last_write_time(path, begin_ - std::chrono::seconds(age));
+    }
   }
 
   TemporaryFolder data_;
@@ -55,6 +58,7 @@ class TraceFolder : public testing::Test {
 
  private:
   static inline std::string location;
+  const std::filesystem::file_time_type begin_ = std::filesystem::file_time_type::clock::now();
 };
 
 }  // namespace keltop
