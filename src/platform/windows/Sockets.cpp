@@ -31,6 +31,10 @@ AcceptResult acceptWaiting(SocketNumber listening, AcceptedConnection& connectio
     const int error = ::WSAGetLastError();
     return error == WSAEMFILE || error == WSAENOBUFS ? AcceptResult::noRoom : AcceptResult::none;
   }
+  if (length < static_cast<int>(sizeof(sockaddr_in))) {
+    (void)::closesocket(accepted);  // reset before it was accepted: not even its address is left
+    return AcceptResult::none;
+  }
   u_long nonBlocking = 0;  // it has the listening socket's way of not waiting
   (void)::ioctlsocket(accepted, static_cast<long>(FIONBIO), &nonBlocking);
   connection.socket = accepted;
