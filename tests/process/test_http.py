@@ -949,7 +949,7 @@ def test_ctrl_c_ends_it_at_once_whoever_is_connected(server, stop_clients):
     assert code == 0
     assert seconds < PROMPT
     for client in clients:
-        with contextlib.suppress(ssl.SSLEOFError):  # behind TLS: a program that ends says no farewell to open connections
+        with contextlib.suppress(ssl.SSLEOFError):  # behind TLS: a program that ends says no farewell
             read_to_end(client)  # which ends: nobody is left waiting
         client.close()
 
