@@ -82,7 +82,8 @@ class TlsSocket:
             self.plain.sendall(self.encrypt(data))
 
     def recv(self, count):
-        """As a socket's; an end without TLS's farewell is an ssl.SSLEOFError."""
+        """As a socket's; an end without TLS's farewell is an ssl.SSLEOFError, unless this Python has the library
+        overlook it (OP_IGNORE_UNEXPECTED_EOF, which older ones set by themselves)."""
         try:
             return self._drive(lambda: self.tls.read(count))
         except ssl.SSLZeroReturnError:
@@ -127,7 +128,8 @@ def make_identity(folder, name="leaf", issuer=None, algorithm=("EC", "ec_paramge
     openssl("genpkey", "-algorithm", algorithm[0], "-pkeyopt", algorithm[1], "-out", key)
     by = ["-CA", issuer[0], "-CAkey", issuer[1]] if issuer else []
     openssl("req", "-x509", "-new", "-key", key, "-subj", f"/CN={name}", "-days", "2", "-out", certificate, *by,
-            "-addext", "subjectAltName=DNS:localhost,IP:127.0.0.1")
+            "-addext", "subjectAltName=DNS:localhost,IP:127.0.0.1",
+            "-addext", "keyUsage=critical,digitalSignature,keyCertSign")  # RFC 5280 wants it of an issuer
     return certificate, key
 
 

@@ -589,7 +589,7 @@ def stopped_after_a_text(keltop, neighbours):
 
 def test_a_text_between_the_readers_end_and_the_listeners_does_no_harm(keltop, neighbours):
     """The reader is gone, Ctrl-C is on its way, and a connection writes. The event may come READER_LEAD later than the
-    text; whether it did is certain only of a program that was stopped before. On a busy machine that takes some tries."""
+    text; whether it did is certain only of a program that was stopped before. A busy machine needs some tries."""
     for _ in range(50):
         code, spent = stopped_after_a_text(keltop, neighbours)
         if spent < READER_LEAD:
