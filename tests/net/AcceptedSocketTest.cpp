@@ -12,6 +12,7 @@
 
 #include "net/AcceptedSocket.h"
 #include "net/ListeningSocket.h"
+#include "support/OnWindows.h"
 #include "support/TrafficLog.h"
 
 namespace keltop::net {
@@ -86,6 +87,9 @@ TEST_F(AcceptedSocketTest, theEndIsToldAlsoWhereNobodyCloses) {
 }
 
 TEST_F(AcceptedSocketTest, aResetIsToldAndLeavesThePeersAddressAndWhatCameBefore) {
+  if (onWindows()) {
+    GTEST_SKIP() << "Wine loses a connection that is reset before it is accepted";
+  }
   send(client_, "before");
   client_.setLinger(true, 0);
   client_.close();

@@ -19,7 +19,7 @@ import time
 import pytest
 
 from conftest import (LONG, SLOWNESS, WORKERS, eventually, free_port, is_listening, listening_on, port_in_use,
-                      raise_descriptor_limit, unread_bytes, unsent_bytes, windows_cannot)
+                      raise_descriptor_limit, unread_bytes, unsent_bytes, windows_cannot, wine_cannot)
 from peers import reset
 
 DATE = rb"(?:Mon|Tue|Wed|Thu|Fri|Sat|Sun), \d\d [A-Z][a-z]{2} \d{4} \d\d:\d\d:\d\d GMT"
@@ -350,6 +350,7 @@ def begin_body(server, stack, length):
     return client, transcript(*ends, b"DATE", b"POST /b HTTP/1.1", b"Content-Length: 100000\n", body + b"\n", path=b"/b")
 
 
+@wine_cannot("loses what came before a reset", "10.0")
 @pytest.mark.parametrize("length", CUT_SHORT)
 def test_what_came_of_a_body_before_a_reset_is_shown(server, length):
     with contextlib.ExitStack() as stack:
@@ -678,6 +679,7 @@ def test_clients_that_reset_do_no_harm(server, begin):
     assert server.running.interrupt() == 0
 
 
+@wine_cannot("loses a connection that is reset before it is accepted", "8.0", "10.0")
 def test_a_complete_request_that_is_reset_at_once_is_shown(server):
     for number in range(40):
         client = server.connect()
@@ -690,6 +692,7 @@ def test_a_complete_request_that_is_reset_at_once_is_shown(server):
         server.expect(server.console)
 
 
+@wine_cannot("tells a reset as an end, or loses what came before it", "8.0", "10.0")
 @pytest.mark.parametrize("begin", [b"", b"GET /x", b"GET /x HTTP/1.1\r\nA: 1\r\n"])
 def test_a_reset_before_the_end_of_the_headers_is_not_shown(server, begin):
     client = server.connect()
