@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Makes the pictures of the live page in docs/images anew, from a real run with real peers in a real browser.
 set -euo pipefail
-source "$(dirname "${BASH_SOURCE[0]}")/setup.sh"
+source "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/setup.sh"
 
 need "${KELTOP_BUILD_PACKAGES[@]}" "${KELTOP_TEST_PACKAGES[@]}"
 echo "keltop: building (release)" >&2
