@@ -483,8 +483,8 @@ def test_without_a_thread_one_line_says_so(keltop, switches):
         keltop.command = for_everybody(keltop.command, keltop.folder)
         account = AS_NOBODY
     # The search for leaks at the end would need a thread, too; a build without the sanitizer does not read this.
-    account["env"] = keltop.env | {"ASAN_OPTIONS": "detect_leaks=0"}
-    done = keltop.run(*switches, preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NPROC, (1, 1)), **account)
+    env = keltop.env | {"ASAN_OPTIONS": "detect_leaks=0"}
+    done = keltop.run(*switches, preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NPROC, (1, 1)), env=env, **account)
     assert (done.stdout, done.stderr, done.returncode) == (NO_THREAD, b"", 1)
 
 
