@@ -27,10 +27,14 @@ def version():
     return re.match(r"wine-([\d.]+)", told.decode())[1]
 
 
+NOT_STARTED = b"ShellExecuteEx failed: Internal error"  # Wine's own words
+
+
 def check_start(command, code, output):
-    """Every program of the tests prints something first, or is killed; one that could not be started does not."""
-    if command[0] == "wine" and not output and code is not None and code > 0:
-        raise LostStart(f"Wine lost the start of {' '.join(command[1:])}: code {code}, no output")
+    """Every program of the tests prints something first, or is killed; one that could not be started does not, or Wine
+    says so in its place."""
+    if command[0] == "wine" and (not output or NOT_STARTED in output) and code is not None and code > 0:
+        raise LostStart(f"Wine lost the start of {' '.join(command[1:])}: code {code}, output {output!r}")
 
 
 def make_prefix(template):
