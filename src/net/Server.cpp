@@ -1,7 +1,6 @@
 #include "net/Server.h"
 
 #include <Poco/Net/HTTPServerConnectionFactory.h>
-#include <Poco/Net/HTTPServerParams.h>
 
 #include <cstddef>
 #include <thread>
@@ -40,13 +39,13 @@ Server::Server(const ServerOptions& options, const Poco::Net::TCPServerConnectio
 
 Server::Server(const ServerOptions& options, const Poco::Net::HTTPRequestHandlerFactory::Ptr& factory)
     : group_(std::make_shared<ConnectionGroup>(options.watcher)),
-      pool_("worker", kFewestThreads, mostThreads(), kIdleSeconds, kStackBytes) {
+      pool_("worker", kFewestThreads, mostThreads(), kIdleSeconds, kStackBytes),
+      httpParameters_(Poco::makeAuto<Poco::Net::HTTPServerParams>()) {
   // What the library's HTTPServer is: its TCPServer with these parameters and this factory.
-  const Poco::Net::HTTPServerParams::Ptr parameters = Poco::makeAuto<Poco::Net::HTTPServerParams>();
   create(options,
-         Poco::makeShared<Poco::Net::HTTPServerConnectionFactory>(parameters,
+         Poco::makeShared<Poco::Net::HTTPServerConnectionFactory>(httpParameters_,
                                                                   Poco::makeShared<RequestEndFactory>(factory)),
-         parameters, {.send = 0, .receive = parameters->getTimeout()});
+         httpParameters_, {.send = 0, .receive = httpParameters_->getTimeout()});
 }
 
 Server::~Server() = default;

@@ -2,6 +2,7 @@
 
 #include <Poco/AutoPtr.h>
 #include <Poco/Net/HTTPRequestHandlerFactory.h>
+#include <Poco/Net/HTTPServerParams.h>
 #include <Poco/Net/TCPServer.h>
 #include <Poco/Net/TCPServerConnectionFactory.h>
 #include <Poco/Net/TCPServerParams.h>
@@ -61,6 +62,7 @@ class Server {
 
   const std::shared_ptr<ConnectionGroup> group_;
   Poco::ThreadPool pool_;
+  const Poco::Net::HTTPServerParams::Ptr httpParameters_;  ///< null for a server of plain connections
   Poco::AutoPtr<ListeningSocket> listening_;
   std::optional<Poco::Net::TCPServer> server_;
 };

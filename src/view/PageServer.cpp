@@ -66,6 +66,7 @@ PageServer::PageServer(TrafficLog& log, const Listener& listener, const std::str
 PageServer::~PageServer() {
   context_.log.close();
   server_->stopAll(true);
+  threads_.joinAll();  // a thread that has been given a connection and not begun with it would lose it
 }
 
 bool PageServer::stop(std::chrono::milliseconds grace) {
