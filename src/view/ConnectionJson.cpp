@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <functional>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "product/Version.h"
@@ -166,7 +167,7 @@ void writeExchange(JsonWriter& json, const Exchange& exchange, bool withRequest)
 
 class Needle {
  public:
-  explicit Needle(const std::string& text) : text_(text), search_(text_.begin(), text_.end(), Hash(), Same()) {}
+  explicit Needle(std::string text) : text_(std::move(text)), search_(text_.begin(), text_.end(), Hash(), Same()) {}
   ~Needle() = default;
   Needle(const Needle&) = delete;
   Needle& operator=(const Needle&) = delete;
