@@ -56,8 +56,7 @@ struct SocketWait {
 /// Waits until the socket can be read or written, has failed or was closed by its peer, at most that many milliseconds.
 /// One system call, whatever signals come in between take nothing off the time. False: the time is over; nothing: the
 /// system refused, for the reason that it gives for its last call.
-[[nodiscard]] std::optional<bool> waitForSocket(SocketNumber socket, SocketWait wait,
-                                                std::int64_t milliseconds) noexcept;
+[[nodiscard]] std::optional<bool> waitForSocket(SocketNumber socket, SocketWait wait, std::int64_t limit) noexcept;
 
 /// Lets the process open as many sockets and files as the system allows it, and gives how many of them may be
 /// connections, each with a thread of its own.

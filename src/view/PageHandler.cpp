@@ -211,8 +211,9 @@ void sendConnection(PageContext& context, std::string_view path, std::string_vie
   const auto id = numberOf(path.substr(0, slash));
   const std::string_view part = path.substr(slash);
   if (!id) {
-    sendError(response, HTTPResponse::HTTP_NOT_FOUND);
-  } else if (part == "/received") {
+    return sendError(response, HTTPResponse::HTTP_NOT_FOUND);
+  }
+  if (part == "/received") {
     sendStream(context, *id, Direction::received, numberIn(target, "most"), response);
   } else if (part == "/sent") {
     sendStream(context, *id, Direction::sent, numberIn(target, "most"), response);

@@ -58,12 +58,12 @@ void endTraffic(SocketNumber connection) noexcept {
   (void)::CancelIoEx(reinterpret_cast<HANDLE>(connection), nullptr);
 }
 
-std::optional<bool> waitForSocket(SocketNumber socket, SocketWait wait, std::int64_t milliseconds) noexcept {
+std::optional<bool> waitForSocket(SocketNumber socket, SocketWait wait, std::int64_t limit) noexcept {
   WSAPOLLFD waited = {};
   waited.fd = socket;
   waited.events = static_cast<SHORT>((wait.forReading ? POLLRDNORM : 0) | (wait.forWriting ? POLLWRNORM : 0));
-  const auto limit = std::clamp<std::int64_t>(milliseconds, 0, std::numeric_limits<INT>::max());
-  const int ready = ::WSAPoll(&waited, 1, static_cast<INT>(limit));
+  const auto bounded = std::clamp<std::int64_t>(limit, 0, std::numeric_limits<INT>::max());
+  const int ready = ::WSAPoll(&waited, 1, static_cast<INT>(bounded));
   return ready == SOCKET_ERROR ? std::nullopt : std::optional<bool>(ready > 0);
 }
 
