@@ -166,7 +166,7 @@ class TrafficLog : public net::TrafficWatcher {
   void makePlace(std::size_t bytes) noexcept;
   void dropOldestPiece() noexcept;
   void dropConnection() noexcept;
-  void changed(Entry& entry, Microseconds time) noexcept;
+  void changed(Entry& changedOne, Microseconds time) noexcept;
   void copyIn(std::uint64_t position, std::string_view bytes) noexcept;
   void copyOut(std::uint64_t position, std::size_t count, std::string& to) const;
   /// The piece that a place goes on with, 0 when there is none yet; nothing when it was dropped.
